@@ -1,0 +1,91 @@
+// corvald: start-up, the controller's run and the orderly end.
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <cassert>
+#include <cerrno>
+#include <cstdio>
+#include <cstring>
+#include <fcntl.h>
+
+#include "controller/controller.h"
+#include "daemon/config.h"
+#include "daemon/log.h"
+#include "daemon/syslog.h"
+#include "util/io.h"
+
+using namespace corvald;
+
+namespace {
+
+[[noreturn]] void usage(const char* argv0) {
+    std::fprintf(stderr, "Usage: %s [-dh] [-C config]\n", argv0);
+    std::exit(1);
+}
+
+// Writes the process id and a line feed to the pid file; 0 or -1 (logged).
+// The file is never removed and never locked: a new start rewrites it.
+int write_pid_file(pid_t pid) {
+    const char* path = cfg_pid_file.c_str();
+    int fd = fd_open(path, O_WRONLY | O_CREAT | O_TRUNC, 0644);
+    if (fd < 0) return -1;
+    char text[16];
+    int len = std::snprintf(text, sizeof(text), "%d\n", static_cast<int>(pid));
+    assert(len >= 1 && len <= 15);
+    ssize_t n = buf_tx(fd, text, static_cast<size_t>(len), 1);
+    if (n < 0) return -1;  // the process ends; the descriptor goes with it
+    assert(n == len);
+    if (::fsync(fd) < 0) {
+        syslog(LOG_ERR, "error: %s(): fsync(%s): %s%s", "main", path, std::strerror(errno), "");
+        return -1;
+    }
+    return fd_close(fd) < 0 ? -1 : 0;
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+    int ch;
+    while ((ch = ::getopt(argc, argv, "dC:h")) != -1) {
+        switch (ch) {
+            case 'd':
+                ++opt_debug;
+                break;
+            case 'C':
+                opt_config = optarg;
+                break;
+            default:
+                usage(argv[0]);
+        }
+    }
+
+    config_module_setup();
+    syslog_module_setup();
+    config_load();
+
+    ::umask(022);
+    const char* workdir = cfg_work_directory.c_str();
+    if (::mkdir(workdir, 0777) < 0 && errno != EEXIST) {
+        std::fprintf(stderr, "error: mkdir(%s): %s\n", workdir, std::strerror(errno));
+        return 1;
+    }
+    if (::chdir(workdir) < 0) {
+        std::fprintf(stderr, "error: chdir(%s): %s\n", workdir, std::strerror(errno));
+        return 1;
+    }
+    if (opt_debug == 0 && ::daemon(1, 0) < 0) {
+        std::fprintf(stderr, "error: daemon(): %s\n", std::strerror(errno));
+        return 1;
+    }
+
+    config_dump();
+    if (write_pid_file(::getpid()) < 0) return 1;
+
+    if (controller_module_setup() < 0) return 1;
+    if (controller_thread_loop() < 0) return 1;
+
+    controller_module_teardown();
+    config_module_teardown();
+    syslog_module_teardown();
+    return 0;
+}

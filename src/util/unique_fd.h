@@ -1,0 +1,67 @@
+// Owners for descriptors and directory streams, so that every early return
+// closes what was opened.
+#pragma once
+
+#include <dirent.h>
+
+#include <utility>
+
+#include "util/io.h"
+
+namespace corvald {
+
+// Owns one descriptor; closes it with fd_close (so a failed close is logged).
+class UniqueFd {
+public:
+    UniqueFd() = default;
+    explicit UniqueFd(int fd) : fd_(fd) {}
+    ~UniqueFd() { reset(); }
+    UniqueFd(UniqueFd&& o) noexcept : fd_(o.release()) {}
+    UniqueFd& operator=(UniqueFd&& o) noexcept {
+        if (this != &o) reset(o.release());
+        return *this;
+    }
+    UniqueFd(const UniqueFd&) = delete;
+    UniqueFd& operator=(const UniqueFd&) = delete;
+
+    int get() const { return fd_; }
+    bool valid() const { return fd_ >= 0; }
+    explicit operator bool() const { return valid(); }
+    int release() { return std::exchange(fd_, -1); }
+    // Closes the held descriptor (if any) and takes fd; returns fd_close's
+    // result for the old one, 0 if there was none.
+    int reset(int fd = -1) {
+        int old = std::exchange(fd_, fd);
+        return old >= 0 ? fd_close(old) : 0;
+    }
+
+private:
+    int fd_ = -1;
+};
+
+// Owns one DIR* from opendir/fdopendir.
+class UniqueDir {
+public:
+    UniqueDir() = default;
+    explicit UniqueDir(DIR* d) : d_(d) {}
+    ~UniqueDir() { reset(); }
+    UniqueDir(UniqueDir&& o) noexcept : d_(std::exchange(o.d_, nullptr)) {}
+    UniqueDir& operator=(UniqueDir&& o) noexcept {
+        if (this != &o) reset(std::exchange(o.d_, nullptr));
+        return *this;
+    }
+    UniqueDir(const UniqueDir&) = delete;
+    UniqueDir& operator=(const UniqueDir&) = delete;
+
+    DIR* get() const { return d_; }
+    explicit operator bool() const { return d_ != nullptr; }
+    void reset(DIR* d = nullptr) {
+        if (d_ != nullptr) ::closedir(d_);
+        d_ = d;
+    }
+
+private:
+    DIR* d_ = nullptr;
+};
+
+}  // namespace corvald
