@@ -192,3 +192,20 @@ TEST_F(ConfigTest, UnreadableFiles) {
 
 }  // namespace
 }  // namespace corvald
+
+namespace corvald {
+namespace {
+
+// The shipped files must load as they are.
+TEST_F(ConfigTest, ShippedFilesLoad) {
+    std::string error;
+    EXPECT_EQ(config_read(CORVALD_SOURCE_DIR "/etc/corvald.conf", error), 0) << error;
+    EXPECT_EQ(cfg_bind_interface, "eth0");
+    EXPECT_EQ(cfg_msg_buffer_size, 65536);
+    EXPECT_EQ(config_read(CORVALD_SOURCE_DIR "/etc/local/corvald.conf", error), 0) << error;
+    EXPECT_EQ(cfg_bind_interface, "lo");
+    EXPECT_EQ(cfg_unicast_mode, 1);
+}
+
+}  // namespace
+}  // namespace corvald
