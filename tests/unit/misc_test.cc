@@ -1,0 +1,128 @@
+#include "util/misc.h"
+
+#include <signal.h>
+#include <sys/stat.h>
+#include <time.h>
+#include <unistd.h>
+
+#include <gtest/gtest.h>
+
+#include <cerrno>
+#include <chrono>
+
+#include "support/temp_dir.h"
+
+namespace corvald {
+namespace {
+
+bool exists(const std::string& p) {
+    struct stat st;
+    return ::lstat(p.c_str(), &st) == 0;
+}
+
+TEST(RmFr, RemovesTreesButNeverFollowsLinks) {
+    test::TempDir dir;
+    EXPECT_EQ(rm_fr((dir / "missing").c_str()), 0);
+
+    dir.write("file", "x");
+    EXPECT_EQ(rm_fr((dir / "file").c_str()), -2);
+    EXPECT_TRUE(exists(dir / "file"));
+
+    // Outside the tree: a directory that links inside point at.
+    ::mkdir((dir / "outside").c_str(), 0755);
+    dir.write("outside/keep", "k");
+    ::symlink((dir / "outside").c_str(), (dir / "link-to-dir").c_str());
+    EXPECT_EQ(rm_fr((dir / "link-to-dir").c_str()), -2);
+    EXPECT_TRUE(exists(dir / "outside/keep"));
+
+    ::mkdir((dir / "tree").c_str(), 0755);
+    ::mkdir((dir / "tree/a").c_str(), 0755);
+    ::mkdir((dir / "tree/a/b").c_str(), 0755);
+    dir.write("tree/a/b/f", "1");
+    dir.write("tree/g", "2");
+    ::symlink("../../outside", (dir / "tree/a/rel").c_str());
+    ::symlink((dir / "outside").c_str(), (dir / "tree/abs").c_str());
+    ::symlink("dangling", (dir / "tree/dangling").c_str());
+    EXPECT_EQ(rm_fr((dir / "tree").c_str()), 0);
+    EXPECT_FALSE(exists(dir / "tree"));
+    EXPECT_EQ(dir.read("outside/keep"), "k");
+}
+
+TEST(RmFr, StopsAtTheFirstEntryItCannotRemove) {
+    if (::geteuid() == 0) {
+        // Root ignores directory permissions; an unreadable tree cannot be made.
+        GTEST_SKIP() << "needs an unprivileged user to make an entry unremovable";
+    }
+    test::TempDir dir;
+    ::mkdir((dir / "t").c_str(), 0755);
+    ::mkdir((dir / "t/locked").c_str(), 0755);
+    dir.write("t/locked/f", "1");
+    ::chmod((dir / "t/locked").c_str(), 0555);
+    EXPECT_EQ(rm_fr((dir / "t").c_str()), -1);
+    EXPECT_TRUE(exists(dir / "t/locked/f"));
+    ::chmod((dir / "t/locked").c_str(), 0755);
+}
+
+volatile sig_atomic_t hups = 0;
+volatile sig_atomic_t usr1s = 0;
+void on_hup(int) { hups = hups + 1; }
+void on_usr1(int) { usr1s = usr1s + 1; }
+
+// Fires sig once after ms, process-directed, like a signal from outside.
+class OneShot {
+public:
+    OneShot(int sig, int ms) {
+        struct sigevent ev = {};
+        ev.sigev_notify = SIGEV_SIGNAL;
+        ev.sigev_signo = sig;
+        ::timer_create(CLOCK_MONOTONIC, &ev, &t_);
+        struct itimerspec it = {{0, 0}, {ms / 1000, (ms % 1000) * 1000000L}};
+        ::timer_settime(t_, 0, &it, nullptr);
+    }
+    ~OneShot() { ::timer_delete(t_); }
+
+private:
+    timer_t t_;
+};
+
+TEST(Msleep, HoldsBackStopAndReloadSignalsButNotUsr1) {
+    struct sigaction sa = {}, old_hup, old_usr1;
+    sigemptyset(&sa.sa_mask);
+    sa.sa_handler = on_hup;
+    ::sigaction(SIGHUP, &sa, &old_hup);
+    sa.sa_handler = on_usr1;
+    ::sigaction(SIGUSR1, &sa, &old_usr1);
+    using Clock = std::chrono::steady_clock;
+
+    EXPECT_EQ(msleep(0), 0);
+
+    hups = 0;
+    {
+        OneShot hup(SIGHUP, 20);
+        auto t0 = Clock::now();
+        EXPECT_EQ(msleep(300), 0);
+        EXPECT_GE(Clock::now() - t0, std::chrono::milliseconds(300));
+        // Delivered when the mask was restored, before msleep returned.
+        EXPECT_EQ(hups, 1);
+    }
+
+    usr1s = 0;
+    {
+        OneShot usr1(SIGUSR1, 20);
+        auto t0 = Clock::now();
+        EXPECT_EQ(msleep(60000), -EINTR);
+        EXPECT_LT(Clock::now() - t0, std::chrono::seconds(30));
+        EXPECT_EQ(usr1s, 1);
+    }
+
+    // Seconds and milliseconds are both slept.
+    auto t0 = Clock::now();
+    EXPECT_EQ(msleep(1100), 0);
+    EXPECT_GE(Clock::now() - t0, std::chrono::milliseconds(1100));
+
+    ::sigaction(SIGHUP, &old_hup, nullptr);
+    ::sigaction(SIGUSR1, &old_usr1, nullptr);
+}
+
+}  // namespace
+}  // namespace corvald
