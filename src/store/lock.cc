@@ -8,7 +8,6 @@
 #include <cstdarg>
 #include <cstdio>
 #include <cstring>
-#include <utility>
 
 #include "daemon/config.h"
 #include "daemon/log.h"
@@ -166,17 +165,6 @@ int DatastoreLockStr(const char* dsuuid) { return LockTake(DatastoreLockNameStr(
 void DatastoreUnlockStr(const char* dsuuid) { LockRelease(DatastoreLockNameStr(dsuuid)); }
 int VDiskLockUuid(const char* vdiskuuid) { return LockTake(VDiskLockName(vdiskuuid)); }
 void VDiskUnlockUuid(const char* vdiskuuid) { LockRelease(VDiskLockName(vdiskuuid)); }
-
-HeldLock::HeldLock(HeldLock&& o) noexcept : name_(o.name_), held_(std::exchange(o.held_, false)) {}
-
-HeldLock& HeldLock::operator=(HeldLock&& o) noexcept {
-    if (this != &o) {
-        release();
-        name_ = o.name_;
-        held_ = std::exchange(o.held_, false);
-    }
-    return *this;
-}
 
 int HeldLock::take(const LockName& ln) {
     // One owner, one lock: a second take would lose the first name.

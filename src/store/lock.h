@@ -66,8 +66,6 @@ class HeldLock {
 public:
     HeldLock() = default;
     ~HeldLock() { release(); }
-    HeldLock(HeldLock&& o) noexcept;
-    HeldLock& operator=(HeldLock&& o) noexcept;
     HeldLock(const HeldLock&) = delete;
     HeldLock& operator=(const HeldLock&) = delete;
 
