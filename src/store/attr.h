@@ -1,0 +1,112 @@
+// Attribute files of the store: one value and a line feed per file, read and
+// rewritten in place through a descriptor of the record directory that holds
+// them. Also the pieces every record operation shares: the record directory
+// owner with its traced writes and reported loads, the one flush per batch,
+// the debug trace lines of the other store steps and the load-failure report.
+#pragma once
+
+#include <sys/types.h>
+
+#include <cstddef>
+#include <cstdint>
+
+namespace corvald {
+
+// Longest store path; every path is built in a buffer one byte larger.
+constexpr size_t kStorePathMax = 255;
+// Longest attribute file content a reader accepts (value and line feed).
+constexpr size_t kAttrFileMax = 255;
+
+// Reads the text of key (dst_len < 256) into dst, zero-filled to dst_len and
+// not terminated when the text fills it; the text length, or -1. An empty
+// file returns 0 and leaves dst untouched.
+int StringLoad(int dirfd, const char* key, char* dst, size_t dst_len);
+// Reads key and converts it with vsscanf(fmt); the conversion's result, or
+// -1 when the file could not be read.
+int AttrLoad(int dirfd, const char* key, const char* fmt, ...) __attribute__((format(scanf, 3, 4)));
+// Rewrites key (created 0666, truncated) with the formatted text; the bytes
+// written, or -1 (the file may then be left truncated or partial). No flush.
+int AttrStore(int dirfd, const char* key, const char* fmt, ...) __attribute__((format(printf, 3, 4)));
+// Reads the whole open file fd into a new NUL-terminated buffer stored in
+// *r_buf (the caller frees it); the byte count, 0 for an empty file (nothing
+// stored), or -1.
+ssize_t FileLoad(int fd, char** r_buf);
+
+// fsync of a record directory after a batch of writes; a failure is only a
+// warning under op's name.
+void RecordFlush(const char* op, int dirfd);
+
+// Debug trace lines of the store steps, each logged under op's name before
+// the step is taken. Paths are shown whole ("<root>/Node" for a top
+// directory, "<record>/vdisks" for a subdirectory).
+void TraceMkdir(const char* op, const char* path);
+void TraceSymlink(const char* op, const char* dirpath, const char* name, const char* target);
+void TraceUnlink(const char* op, const char* path);
+void TraceStat(const char* op, const char* path);
+void TraceOpen(const char* op, const char* path);
+
+// "Failed to load <dirpath>/<key>: <rc>" under op's name.
+void ReportLoadFailure(const char* op, const char* dirpath, const char* key, int rc);
+
+// Makes a store directory (0777) after its trace line; one that exists
+// already counts as made. 0, or -1 after "mkdir(<path>): <error>".
+int StoreMkdir(const char* op, const char* path);
+
+// How RecordDir::load_text traces the value it read.
+enum class TextTrace {
+    kWithLength,  // "<dir>/<key>=<text> (<length>)"
+    kPlain,       // "<dir>/<key>=<text>"
+    kNone,        // the caller parses the text and traces it itself
+};
+
+// One record directory opened for one operation: its descriptor, the path
+// shown in trace and failure lines, and the operation whose name those lines
+// carry. Closed when the owner goes away; when a batch was begun it is first
+// flushed once, whichever way the batch ended.
+class RecordDir {
+public:
+    explicit RecordDir(const char* op) : op_(op) {}
+    ~RecordDir() { close(); }
+    RecordDir(const RecordDir&) = delete;
+    RecordDir& operator=(const RecordDir&) = delete;
+
+    // Builds the path; 0, or -1 without a message when it is over 255 bytes.
+    int set_path(const char* fmt, ...) __attribute__((format(printf, 2, 3)));
+    // Opens path() read-only as a directory; 0 or -1 (the open is logged).
+    int open();
+    // Opens name inside parent, shown as "<parent>/<name>"; 0, or -1 (path
+    // over 255 bytes: no message; open failure: logged by the open).
+    int open_at(const RecordDir& parent, const char* name);
+    // Takes an already open directory descriptor of path().
+    void adopt(int fd) { fd_ = fd; }
+    // From now on the directory is flushed once before it is closed.
+    void begin_batch() { batch_ = true; }
+    // Flushes (if a batch was begun) and closes now; nothing if not open.
+    void close();
+
+    int fd() const { return fd_; }
+    const char* path() const { return path_; }
+    const char* op() const { return op_; }
+
+    // Traces "<path>/<key>=<value>" and rewrites key with the value and a
+    // line feed (AttrStore's rules); bytes written or -1.
+    int store(const char* key, const char* fmt, ...) __attribute__((format(printf, 3, 4)));
+    // Load key as "%u" / "%llu" into *out and trace it; 0, or -1 after the
+    // load-failure report (any conversion result other than 1 fails).
+    int load_u32(const char* key, uint32_t* out);
+    int load_u64(const char* key, unsigned long long* out);
+    // StringLoad of key into dst (dst_len), traced as asked; the length, or
+    // -1 after the load-failure report.
+    int load_text(const char* key, char* dst, size_t dst_len, TextTrace trace = TextTrace::kWithLength);
+    // Makes the subdirectory name (0777) after "<path>/<name> [MKDIR]"; an
+    // existing one counts as made. 0, or -1 after "mkdir(<path>/<name>): ...".
+    int mkdir(const char* name);
+
+private:
+    const char* op_;
+    int fd_ = -1;
+    bool batch_ = false;
+    char path_[kStorePathMax + 1] = {};
+};
+
+}  // namespace corvald

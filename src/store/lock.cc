@@ -1,0 +1,186 @@
+#include "store/lock.h"
+
+#include <fcntl.h>
+#include <unistd.h>
+
+#include <cassert>
+#include <cerrno>
+#include <cstdarg>
+#include <cstdio>
+#include <cstring>
+
+#include "daemon/config.h"
+#include "daemon/log.h"
+#include "store/attr.h"
+#include "util/io.h"
+#include "util/misc.h"
+#include "util/unique_fd.h"
+
+namespace corvald {
+
+namespace {
+
+// The first wait on a held lock; every further wait is twice the one before.
+constexpr int kFirstWaitMs = 50;
+
+// Builds <work_directory>/locks/<name> in buf (kStorePathMax + 1 bytes);
+// 0, or -1 after the "too big" message under op's name.
+int build_lock_path(const char* op, const char* name, char* buf) {
+    const char* root = cfg_work_directory.c_str();
+    int n = std::snprintf(buf, kStorePathMax + 1, "%s%s%s", root, "/locks/", name);
+    if (n < 0 || static_cast<size_t>(n) > kStorePathMax) {
+        CV_ERROR_AS(op, "too big lock path %s%s%s", root, "/locks/", name);
+        return -1;
+    }
+    return 0;
+}
+
+// Lock names come from uuids and node ids announced by other hosts. A name
+// that is empty, ".", ".." or holds a "/" would put the lock file somewhere
+// other than directly in "locks" (and its release would unlink there), so
+// such names are refused before any file is touched. Names made by the
+// wrappers and by the JSON store (which turns "/" into "|") never are.
+bool plain_file_name(const char* name) {
+    return name[0] != '\0' && std::strchr(name, '/') == nullptr && std::strcmp(name, ".") != 0 &&
+           std::strcmp(name, "..") != 0;
+}
+
+// Writes the pid text into the lock file just created and flushes it; 0, -3
+// or -4. The descriptor is closed on every path.
+int fill_lock_file(int fd, const char* lockpath, const char* pid, size_t pid_len) {
+    UniqueFd file(fd);
+    int rc = 0;
+    if (buf_tx(fd, pid, pid_len, 1) != static_cast<ssize_t>(pid_len)) {
+        rc = -3;
+    } else if (::fsync(fd) < 0) {
+        CV_WARN_AS("PathLock", "fsync(%s): %s", lockpath, std::strerror(errno));
+        rc = -4;
+    }
+    file.reset();
+    // The file exists but the attempt fails, so no caller will release it:
+    // left in place it would lock this daemon (and everybody else) out of the
+    // name for good. It is ours, just created, so removing it is safe.
+    if (rc < 0 && ::unlink(lockpath) < 0) {
+        CV_WARN_AS("PathLock", "unlink(%s): %s", lockpath, std::strerror(errno));
+    }
+    return rc;
+}
+
+LockName make_lock_name(int timeout_ms, const char* fmt, ...) __attribute__((format(printf, 2, 3)));
+LockName make_lock_name(int timeout_ms, const char* fmt, ...) {
+    LockName ln;
+    va_list ap;
+    va_start(ap, fmt);
+    int n = std::vsnprintf(ln.text, sizeof(ln.text), fmt, ap);
+    va_end(ap);
+    ln.timeout_ms = timeout_ms;
+    ln.fits = n >= 0 && static_cast<size_t>(n) <= kLockNameMax;
+    return ln;
+}
+
+}  // namespace
+
+int PathLock(const char* path, int timeout_ms) {
+    char lockpath[kStorePathMax + 1];
+    if (build_lock_path(__func__, path, lockpath) < 0) return -4;
+    if (!plain_file_name(path)) {
+        CV_ERROR("Bad lock name %s", path);
+        return -2;
+    }
+    CV_INFO("Lock %s", lockpath);
+
+    char pid[16];
+    int pid_len = std::snprintf(pid, sizeof(pid), "%d\n", static_cast<int>(::getpid()));
+
+    // 64 bits: the doubling must not overflow before the timeout ends it.
+    long long slept = 0;
+    long long step = kFirstWaitMs;
+    for (;;) {
+        int fd = ::open(lockpath, O_RDWR | O_CREAT | O_EXCL | O_TRUNC, 0666);
+        if (fd >= 0) return fill_lock_file(fd, lockpath, pid, static_cast<size_t>(pid_len));
+        // An interrupted create is no attempt: try again at once.
+        if (errno == EINTR) continue;
+        if (errno != EEXIST) {
+            CV_ERROR("open(%s): %s", lockpath, std::strerror(errno));
+            return -2;
+        }
+        if (timeout_ms <= 0) return -1;
+        if (slept >= timeout_ms || step > timeout_ms) {
+            CV_NOTICE("Timed out locking %s", lockpath);
+            return -1;
+        }
+        slept += step;
+        CV_NOTICE("Contention on %s, sleep %dms", lockpath, static_cast<int>(step));
+        // A signal that ends the sleep early (SIGUSR1) only shortens this
+        // wait; it still counts whole, and the next try comes as usual.
+        msleep(static_cast<int>(step));
+        step *= 2;
+    }
+}
+
+void PathUnlock(const char* path) {
+    char lockpath[kStorePathMax + 1];
+    if (build_lock_path(__func__, path, lockpath) < 0) return;
+    if (!plain_file_name(path)) {
+        CV_ERROR("Bad lock name %s", path);
+        return;
+    }
+    CV_INFO("Unlock %s", lockpath);
+    if (::unlink(lockpath) < 0) CV_WARN("unlink(%s): %s", lockpath, std::strerror(errno));
+}
+
+LockName NodeLockName(unsigned int nodeid) {
+    return make_lock_name(cfg_node_lock_timeout_ms, "NODE-%u", nodeid);
+}
+
+LockName NodeLockNameStr(const char* nodeuuid) {
+    return make_lock_name(cfg_node_lock_timeout_ms, "NODE-%s", nodeuuid);
+}
+
+LockName DatastoreLockName(const char* uuid14) {
+    return make_lock_name(cfg_datastore_lock_timeout_ms, "DS-%.*s", 14, uuid14);
+}
+
+LockName DatastoreLockNameStr(const char* dsuuid) {
+    return make_lock_name(cfg_datastore_lock_timeout_ms, "DS-%s", dsuuid);
+}
+
+LockName VDiskLockName(const char* vdiskuuid) {
+    return make_lock_name(cfg_vdisk_lock_timeout_ms, "VDISK-%s", vdiskuuid);
+}
+
+int LockTake(const LockName& ln) { return ln.fits ? PathLock(ln.text, ln.timeout_ms) : -1; }
+
+void LockRelease(const LockName& ln) {
+    if (ln.fits) PathUnlock(ln.text);
+}
+
+int NodeLock(unsigned int nodeid) { return LockTake(NodeLockName(nodeid)); }
+void NodeUnlock(unsigned int nodeid) { LockRelease(NodeLockName(nodeid)); }
+int NodeLockStr(const char* nodeuuid) { return LockTake(NodeLockNameStr(nodeuuid)); }
+void NodeUnlockStr(const char* nodeuuid) { LockRelease(NodeLockNameStr(nodeuuid)); }
+int DatastoreLockUuid(const char* uuid14) { return LockTake(DatastoreLockName(uuid14)); }
+void DatastoreUnlockUuid(const char* uuid14) { LockRelease(DatastoreLockName(uuid14)); }
+int DatastoreLockStr(const char* dsuuid) { return LockTake(DatastoreLockNameStr(dsuuid)); }
+void DatastoreUnlockStr(const char* dsuuid) { LockRelease(DatastoreLockNameStr(dsuuid)); }
+int VDiskLockUuid(const char* vdiskuuid) { return LockTake(VDiskLockName(vdiskuuid)); }
+void VDiskUnlockUuid(const char* vdiskuuid) { LockRelease(VDiskLockName(vdiskuuid)); }
+
+int HeldLock::take(const LockName& ln) {
+    // One owner, one lock: a second take would lose the first name.
+    assert(!held_);
+    int rc = LockTake(ln);
+    if (rc == 0) {
+        name_ = ln;
+        held_ = true;
+    }
+    return rc;
+}
+
+void HeldLock::release() {
+    if (!held_) return;
+    held_ = false;
+    LockRelease(name_);
+}
+
+}  // namespace corvald
