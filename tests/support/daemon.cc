@@ -219,11 +219,11 @@ void Daemon::pump(std::chrono::milliseconds timeout) {
     }
 }
 
-std::optional<LogLine> Daemon::wait_for(const std::string& needle, std::chrono::milliseconds timeout) {
+std::optional<LoggedLine> Daemon::wait_for(const std::string& needle, std::chrono::milliseconds timeout) {
     return wait_for_after(0, needle, timeout);
 }
 
-std::optional<LogLine> Daemon::wait_for_after(size_t mark, const std::string& needle,
+std::optional<LoggedLine> Daemon::wait_for_after(size_t mark, const std::string& needle,
                                               std::chrono::milliseconds timeout) {
     auto deadline = Clock::now() + timeout;
     size_t i = mark;
@@ -243,7 +243,7 @@ size_t Daemon::mark() {
     return lines_.size();
 }
 
-const std::vector<LogLine>& Daemon::lines() {
+const std::vector<LoggedLine>& Daemon::lines() {
     pump(std::chrono::milliseconds(0));
     return lines_;
 }

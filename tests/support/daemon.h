@@ -28,7 +28,7 @@ using namespace std::chrono_literals;
 // One logged line: the message without the "ident[pid]: " prefix, the
 // priority (-1 when it came from stderr, where it is not shown) and the
 // text exactly as it arrived.
-struct LogLine {
+struct LoggedLine {
     std::string message;
     int priority = -1;
     std::string raw;
@@ -68,15 +68,15 @@ public:
 
     // First line (from the start of the run) whose message contains needle,
     // waiting for it up to timeout; nullopt if it did not come.
-    std::optional<LogLine> wait_for(const std::string& needle,
+    std::optional<LoggedLine> wait_for(const std::string& needle,
                                     std::chrono::milliseconds timeout = 20s);
     // Same, but only lines arrived after the mark (see mark()).
-    std::optional<LogLine> wait_for_after(size_t mark, const std::string& needle,
+    std::optional<LoggedLine> wait_for_after(size_t mark, const std::string& needle,
                                           std::chrono::milliseconds timeout = 20s);
     // Number of lines seen so far (read everything pending first).
     size_t mark();
     // Every line seen so far.
-    const std::vector<LogLine>& lines();
+    const std::vector<LoggedLine>& lines();
     // Messages of the lines seen so far that contain needle.
     std::vector<std::string> matching(const std::string& needle);
 
@@ -109,7 +109,7 @@ private:
     int err_fd_ = -1;
     int log_fd_ = -1;
     std::string partial_;
-    std::vector<LogLine> lines_;
+    std::vector<LoggedLine> lines_;
 };
 
 // The exit status and everything written to stderr by a run that is

@@ -16,6 +16,8 @@
 #include <cerrno>
 #include <string>
 
+#include "support/log_capture.h"
+#include "support/syscall_hooks.h"
 #include "support/temp_dir.h"
 #include "util/unique_fd.h"
 
@@ -91,6 +93,7 @@ struct Pipe {
 };
 
 TEST(Io, WholeTransfersAndEndOfFile) {
+    test::LogCapture log;
     Pipe p;
     EXPECT_EQ(buf_tx(p.w.get(), "hello", 5, 1), 5);
     char buf[16] = {};
@@ -102,6 +105,9 @@ TEST(Io, WholeTransfersAndEndOfFile) {
     p.w.reset();
     EXPECT_EQ(buf_rx(p.r.get(), buf, 10, 1), 0);
     EXPECT_EQ(buf_rx(p.r.get(), buf, 0, 1), 0);
+    EXPECT_EQ(log.lines(), (std::vector<std::string>{"error: buf_rx(): read(7): EOF",
+                                                     "error: buf_rx(): read(0): EOF"}));
+    log.clear();
 
     // A pipe without a reader: EPIPE, not a signal (the daemon ignores SIGPIPE).
     Pipe q;
@@ -111,9 +117,11 @@ TEST(Io, WholeTransfersAndEndOfFile) {
     EXPECT_EQ(buf_tx(q.w.get(), "x", 1, 1), -1);
     EXPECT_EQ(errno, EPIPE);
     ::signal(SIGPIPE, old);
+    EXPECT_EQ(log.lines(), std::vector<std::string>{"error: buf_tx(): write(1): Broken pipe"});
 }
 
 TEST(Io, InterruptedTransfersFailUnlessAskedToRetry) {
+    test::LogCapture log;
     {
         Pipe p;
         p.fill();
@@ -146,11 +154,16 @@ TEST(Io, InterruptedTransfersFailUnlessAskedToRetry) {
         EXPECT_EQ(buf_rx(p.r.get(), buf, 3, 1), 3);
         EXPECT_STREQ(buf, "xyz");
     }
+    // Only the two calls that were not asked to retry say anything.
+    EXPECT_EQ(log.lines(),
+              (std::vector<std::string>{"error: buf_tx(): write(1): Interrupted system call",
+                                        "error: buf_rx(): read(3): Interrupted system call"}));
 }
 
 // A file size limit of 10 bytes makes writev stop part-way: the first call
 // writes 10 of 18 bytes, the retry of the remaining 8 (one entry) fails.
 TEST(Io, PartialWritevSkipsWrittenEntries) {
+    test::LogCapture log;
     test::TempDir dir;
     UniqueFd fd(::open((dir / "f").c_str(), O_WRONLY | O_CREAT, 0644));
     struct rlimit old, lim;
@@ -174,6 +187,8 @@ TEST(Io, PartialWritevSkipsWrittenEntries) {
     // The third entry is untouched: nothing of it was written.
     EXPECT_EQ(iov[2].iov_base, c);
     EXPECT_EQ(iov[2].iov_len, 8u);
+    EXPECT_EQ(log.lines(), (std::vector<std::string>{"notice: iov_tx(): PARTIAL writev(): 10/18",
+                                                     "error: iov_tx(): writev(8/1): File too large"}));
 
     // Without a limit the whole vector goes out.
     char d[] = "DD", e[] = "EEE";
@@ -197,16 +212,31 @@ TEST(Io, BlockingModeKeepsOtherFlags) {
 }
 
 TEST(Io, OpenCloseTruncate) {
+    test::LogCapture log;
     test::TempDir dir;
     EXPECT_LT(fd_open((dir / "missing/f").c_str(), O_RDONLY, 0), 0);
-    int fd = fd_open((dir / "f").c_str(), O_RDWR | O_CREAT, 0600);
+    EXPECT_TRUE(log.contains("error: fd_open(): open(" + dir / "missing/f" + "): No such file or directory"));
+    int fd;
+    {
+        // Interrupted opens are retried, each with a warning.
+        test::SyscallHooks hooks;
+        hooks.fail_open(dir / "f", EINTR, 2);
+        fd = fd_open((dir / "f").c_str(), O_RDWR | O_CREAT, 0600);
+        EXPECT_EQ(hooks.open_calls(dir / "f"), 3);
+    }
     ASSERT_GE(fd, 0);
+    EXPECT_EQ(log.count("warn: fd_open(): open(" + dir / "f" + "): Interrupted system call"), 2u);
+    log.clear();
     EXPECT_EQ(buf_tx(fd, "0123456789", 10, 1), 10);
     EXPECT_EQ(fd_truncate(fd, 4), 0);
     EXPECT_EQ(dir.read("f"), "0123");
     EXPECT_EQ(fd_close(fd), 0);
     EXPECT_EQ(fd_close(fd), -1);  // EBADF: logged, not retried
     EXPECT_EQ(fd_truncate(fd, 0), -1);
+    std::string n = std::to_string(fd);
+    EXPECT_EQ(log.lines(), (std::vector<std::string>{
+                               "error: fd_close(): close(" + n + "): Bad file descriptor",
+                               "error: fd_truncate(): ftruncate(" + n + ", 0): Bad file descriptor"}));
 
     UniqueFd d(::open(dir.path().c_str(), O_RDONLY | O_DIRECTORY));
     int f = fd_openat(d.get(), "f", O_RDONLY, 0);
@@ -216,9 +246,11 @@ TEST(Io, OpenCloseTruncate) {
 }
 
 TEST(Io, ListenAcceptAndOptions) {
+    test::LogCapture log;
     int before = open_fd_count();
     EXPECT_EQ(tcp_listen("localhost", 0, 0), -1);  // no name resolution
     EXPECT_EQ(open_fd_count(), before);
+    EXPECT_TRUE(log.contains("error: tcp_listen(): inet_aton(localhost): failed")) << log.dump();
 
     UniqueFd ls(tcp_listen("127.0.0.1", 0, 0));
     ASSERT_TRUE(ls);
@@ -231,6 +263,9 @@ TEST(Io, ListenAcceptAndOptions) {
     before = open_fd_count();
     EXPECT_EQ(tcp_listen("127.0.0.1", port, 5), -1);
     EXPECT_EQ(open_fd_count(), before);
+    EXPECT_TRUE(log.contains("error: tcp_listen(): bind(127.0.0.1:" + std::to_string(port) +
+                             "): Address already in use"))
+        << log.dump();
 
     UniqueFd client(::socket(AF_INET, SOCK_STREAM, 0));
     ASSERT_EQ(::connect(client.get(), reinterpret_cast<sockaddr*>(&sa), sizeof(sa)), 0);
@@ -264,7 +299,13 @@ TEST(Io, ListenAcceptAndOptions) {
     EXPECT_EQ(so_linger(conn.get(), 1, 2), 0);
     EXPECT_EQ(so_lowat(conn.get(), 0, 1), 0);
     // Options on something that is not a socket fail at the first step.
-    EXPECT_EQ(tcp_keepalive(0 + ::open("/dev/null", O_RDONLY), 1, 1, 1), -1);
+    UniqueFd null(::open("/dev/null", O_RDONLY));
+    log.clear();
+    EXPECT_EQ(tcp_keepalive(null.get(), 1, 1, 1), -1);
+    EXPECT_EQ(so_buf(null.get(), 0, 2), -1);
+    EXPECT_EQ(log.lines(), (std::vector<std::string>{
+                               "error: tcp_keepalive(): setsockopt(SO_KEEPALIVE): Socket operation on non-socket",
+                               "error: so_buf(): setsockopt(SO_RCVBUF, 2048): Socket operation on non-socket"}));
 }
 
 }  // namespace

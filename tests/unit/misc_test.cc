@@ -10,6 +10,7 @@
 #include <cerrno>
 #include <chrono>
 
+#include "support/log_capture.h"
 #include "support/temp_dir.h"
 
 namespace corvald {
@@ -21,12 +22,15 @@ bool exists(const std::string& p) {
 }
 
 TEST(RmFr, RemovesTreesButNeverFollowsLinks) {
+    test::LogCapture log;
     test::TempDir dir;
     EXPECT_EQ(rm_fr((dir / "missing").c_str()), 0);
+    EXPECT_TRUE(log.lines().empty());
 
     dir.write("file", "x");
     EXPECT_EQ(rm_fr((dir / "file").c_str()), -2);
     EXPECT_TRUE(exists(dir / "file"));
+    EXPECT_TRUE(log.contains("error: rm_fr(): " + dir / "file" + " not a directory!"));
 
     // Outside the tree: a directory that links inside point at.
     ::mkdir((dir / "outside").c_str(), 0755);
@@ -46,6 +50,11 @@ TEST(RmFr, RemovesTreesButNeverFollowsLinks) {
     EXPECT_EQ(rm_fr((dir / "tree").c_str()), 0);
     EXPECT_FALSE(exists(dir / "tree"));
     EXPECT_EQ(dir.read("outside/keep"), "k");
+    // Contents before their directory, the root last.
+    EXPECT_TRUE(log.contains("debug: rm_fn(): unlink(" + dir / "tree/a/rel" + "): 0"));
+    EXPECT_TRUE(log.contains("debug: rm_fn(): unlink(" + dir / "tree/abs" + "): 0"));
+    auto lines = log.lines();
+    EXPECT_EQ(lines.back(), "debug: rm_fn(): rmdir(" + dir / "tree" + "): 0");
 }
 
 TEST(RmFr, StopsAtTheFirstEntryItCannotRemove) {
