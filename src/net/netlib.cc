@@ -3,6 +3,7 @@
 #include <arpa/inet.h>
 #include <netinet/in.h>
 
+#include <charconv>
 #include <cerrno>
 #include <cstdio>
 #include <cstring>
@@ -57,18 +58,12 @@ const char* msg_type(const Hdr* hdr) {
     return Msg_Types[MSG_TYPES_COUNT - 1];
 }
 
-namespace {
-
-// A dump is some twenty log calls per record; with debug lines masked off
-// one look at the mask replaces them (a PING carries hundreds of records).
-bool debug_logged() { return (::setlogmask(0) & LOG_MASK(LOG_DEBUG)) != 0; }
-
-}  // namespace
+bool record_traces_on() { return (::setlogmask(0) & LOG_MASK(LOG_DEBUG)) != 0; }
 
 // Fields of a packed record are copied into locals before they go to a
 // variadic call, so no unaligned reference is ever formed.
 void hdr_dump(const Hdr* hdr) {
-    if (!debug_logged()) return;
+    if (!record_traces_on()) return;
     const Hdr h = *hdr;
     CV_DEBUG("major=%u", unsigned{h.major});
     CV_DEBUG("minor=%u", unsigned{h.minor});
@@ -88,7 +83,7 @@ void hdr_dump(const Hdr* hdr) {
 }
 
 void dse_dump(const DatastoreEntry* dse) {
-    if (!debug_logged()) return;
+    if (!record_traces_on()) return;
     const DatastoreEntry d = *dse;
     CV_DEBUG("uuid=%.*s", int{sizeof d.uuid}, d.uuid);
     CV_DEBUG("name=%.*s", int{sizeof d.name}, d.name);
@@ -101,7 +96,7 @@ void dse_dump(const DatastoreEntry* dse) {
 }
 
 void vde_dump(const VDiskEntry* vde) {
-    if (!debug_logged()) return;
+    if (!record_traces_on()) return;
     const VDiskEntry v = *vde;
     CV_DEBUG("transaction_id=%u", unsigned{v.transaction_id});
     CV_DEBUG("uuid=%.*s", int{sizeof v.uuid}, v.uuid);
@@ -131,7 +126,7 @@ void vde_dump(const VDiskEntry* vde) {
 }
 
 void mbe_dump(const MemberEntry* mbe) {
-    if (!debug_logged()) return;
+    if (!record_traces_on()) return;
     const MemberEntry m = *mbe;
     CV_DEBUG("node=%u", unsigned{m.node});
 }
@@ -182,17 +177,24 @@ int addr_text_to_number(const char* text, uint32_t* number) {
 }
 
 int addr_number_to_text(uint32_t number, char* text) {
-    struct in_addr in = {};
-    in.s_addr = htonl(number);
-    return ::inet_ntop(AF_INET, &in, text, INET_ADDRSTRLEN) != nullptr ? 0 : -1;
+    // The dotted form inet_ntop gives, without its printf machinery: this
+    // runs once per frontend of every received VDisk.
+    char* p = text;
+    for (int shift = 24; shift >= 0; shift -= 8) {
+        p = std::to_chars(p, text + INET_ADDRSTRLEN, (number >> shift) & 0xFF).ptr;
+        if (shift != 0) *p++ = '.';
+    }
+    *p = '\0';
+    return 0;
 }
 
 bool uuid_is_safe(const char* field, size_t width) {
-    size_t len = ::strnlen(field, width);
-    if (len == 0) return false;
-    if (std::memchr(field, '/', len) != nullptr) return false;
-    if (len == 1 && field[0] == '.') return false;
-    if (len == 2 && field[0] == '.' && field[1] == '.') return false;
+    // One pass over at most `width` bytes: this runs for every received entry.
+    size_t len = 0;
+    bool slash = false;
+    for (; len < width && field[len] != '\0'; ++len) slash |= field[len] == '/';
+    if (len == 0 || slash) return false;
+    if (field[0] == '.' && (len == 1 || (len == 2 && field[1] == '.'))) return false;
     return true;
 }
 

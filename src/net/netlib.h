@@ -268,6 +268,10 @@ extern const char* const Msg_Types[MSG_TYPES_COUNT];
 // The name of hdr->type: its Msg_Types entry for 0 to 34, else "UNKNOWN".
 const char* msg_type(const Hdr* hdr);
 
+// Whether debug lines reach the log. A dump is a line per field; with debug
+// lines masked off one look at the mask replaces them all, and a reader of
+// many records can look once for all of them.
+bool record_traces_on();
 // One debug line per field of a received record (text fields bounded by
 // their width); nothing else. fee_dump logs an error instead when the
 // address cannot be shown.
@@ -293,7 +297,9 @@ unsigned int vde_mshipgencnt(const VDiskEntry* vde);
 // of FrontendEntry.node and Hdr.size); inet_pton's result: 1 on success, 0
 // for a text that is no address. Silent: the caller names the failure.
 int addr_text_to_number(const char* text, uint32_t* number);
-// Number -> dotted text into text[16]; 0, or -1 with errno set (silent).
+// Number -> dotted text into text[16], as inet_ntop writes it; 0 (the
+// conversion cannot fail, the result is kept for callers written against
+// inet_ntop's).
 int addr_number_to_text(uint32_t number, char* text);
 
 // Whether a uuid text field (bounded by width, ending at its first zero

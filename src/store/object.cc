@@ -4,6 +4,7 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <charconv>
 #include <cstdio>
 #include <cstring>
 
@@ -21,11 +22,16 @@ void field_text(char (&out)[16], const char* field, size_t width) {
     out[len] = '\0';
 }
 
+// "%u" into a 16-byte text; a 32-bit number has at most ten digits.
+void decimal_text(char (&out)[16], uint32_t value) {
+    *std::to_chars(out, out + sizeof out - 1, value).ptr = '\0';
+}
+
 }  // namespace
 
 void NodeInit(Node* node, uint32_t nodeid) {
     node->nodeid = nodeid;
-    std::snprintf(node->nodeuuid, sizeof node->nodeuuid, "%u", nodeid);
+    decimal_text(node->nodeuuid, nodeid);
 }
 
 int HostInit(Host* host, const char* text, int port) {
@@ -43,8 +49,8 @@ int HostInit(Host* host, const char* text, int port) {
 
 void MemberInit(Member* member, const MemberEntry* mbe) {
     if (mbe != nullptr) member->mbe.node = mbe->node;
-    unsigned node = member->mbe.node;
-    std::snprintf(member->uuid, sizeof member->uuid, "%u", node);
+    // Not snprintf: this runs for every member of every received VDisk.
+    decimal_text(member->uuid, member->mbe.node);
 }
 
 Member* MemberLookup(MemberList* mblp, unsigned int nodeid) {
@@ -80,7 +86,9 @@ int VDiskRead(DatagramReader* rd, std::unique_ptr<VDisk>* vdiskp) {
         rd->seek(rd->length());
         return -1;
     }
-    vde_dump(&vde);
+    // One look at the log mask for the whole block.
+    const bool trace = record_traces_on();
+    if (trace) vde_dump(&vde);
     const size_t nmembers = vde.members;
     const size_t nfrontends = vde.frontends;
 
@@ -105,7 +113,7 @@ int VDiskRead(DatagramReader* rd, std::unique_ptr<VDisk>* vdiskp) {
             rd->seek(rd->length());
             return -2;
         }
-        mbe_dump(&mbe);
+        if (trace) mbe_dump(&mbe);
         MemberInit(&vdisk->members.emplace_back(), &mbe);
     }
     vdisk->members_count = static_cast<int>(nmembers);
@@ -117,7 +125,7 @@ int VDiskRead(DatagramReader* rd, std::unique_ptr<VDisk>* vdiskp) {
             rd->seek(rd->length());
             return -3;
         }
-        fee_dump(&fee);
+        if (trace) fee_dump(&fee);
         Frontend& fe = vdisk->frontends.emplace_back();
         fe.fee = fee;
         if (addr_number_to_text(fee.node, fe.ipaddr) < 0) {
