@@ -233,7 +233,7 @@ TEST(VDiskRead, BlocksRefusalsAndOverruns) {
         EXPECT_STREQ(vd->members[1].uuid, "9");
         ASSERT_EQ(vd->frontends.size(), 1u);
         EXPECT_STREQ(vd->frontends[0].ipaddr, "192.168.0.10");
-        EXPECT_EQ(vd->frontends[0].fee.node, fe);
+        EXPECT_EQ(+vd->frontends[0].fee.node, fe);
         EXPECT_EQ(vd->members_count, 2);
         EXPECT_EQ(vd->frontends_count, 1);
     }
