@@ -129,7 +129,11 @@ int parse_mcast_groups(HostList* groups) {
             CV_ERROR("Malformed multicast address: %s", token.c_str());
             return -1;
         }
-        CV_DEBUG("MULTICAST_GROUP: %s:%u (%s)", host.ipaddr, unsigned{ntohs(host.sa.sin_port)},
+        // The address as converted, beside the token it came from (a short
+        // form such as 224.1 shows as 224.0.0.1).
+        char text[INET_ADDRSTRLEN];
+        addr_number_to_text(ntohl(host.sa.sin_addr.s_addr), text);
+        CV_DEBUG("MULTICAST_GROUP: %s:%u (%s)", text, unsigned{ntohs(host.sa.sin_port)},
                  token.c_str());
         groups->push_back(host);
     }

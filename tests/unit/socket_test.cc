@@ -159,7 +159,7 @@ TEST_F(McastConfig, GroupListFromTheSetting) {
               (std::vector<std::string>{
                   "debug: parse_mcast_groups(): MULTICAST_GROUP: 239.255.18.1:8123 (239.255.18.1)",
                   "debug: parse_mcast_groups(): MULTICAST_GROUP: 239.255.18.2:8123 (239.255.18.2)",
-                  "debug: parse_mcast_groups(): MULTICAST_GROUP: 224.1:8123 (224.1)"}));
+                  "debug: parse_mcast_groups(): MULTICAST_GROUP: 224.0.0.1:8123 (224.1)"}));
 
     // Only separators: no group and no failure (the loop reports it missing).
     cfg_multicast_address = ", ,,  ";
