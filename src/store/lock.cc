@@ -11,7 +11,9 @@
 
 #include "daemon/config.h"
 #include "daemon/log.h"
+#include "net/netlib.h"
 #include "store/attr.h"
+#include "store/object.h"
 #include "util/io.h"
 #include "util/misc.h"
 #include "util/unique_fd.h"
@@ -159,12 +161,23 @@ int NodeLock(unsigned int nodeid) { return LockTake(NodeLockName(nodeid)); }
 void NodeUnlock(unsigned int nodeid) { LockRelease(NodeLockName(nodeid)); }
 int NodeLockStr(const char* nodeuuid) { return LockTake(NodeLockNameStr(nodeuuid)); }
 void NodeUnlockStr(const char* nodeuuid) { LockRelease(NodeLockNameStr(nodeuuid)); }
-int DatastoreLockUuid(const char* uuid14) { return LockTake(DatastoreLockName(uuid14)); }
-void DatastoreUnlockUuid(const char* uuid14) { LockRelease(DatastoreLockName(uuid14)); }
+int DatastoreLock(const DatastoreEntry* dse) { return LockTake(DatastoreLockName(dse->uuid)); }
+void DatastoreUnlock(const DatastoreEntry* dse) { LockRelease(DatastoreLockName(dse->uuid)); }
 int DatastoreLockStr(const char* dsuuid) { return LockTake(DatastoreLockNameStr(dsuuid)); }
 void DatastoreUnlockStr(const char* dsuuid) { LockRelease(DatastoreLockNameStr(dsuuid)); }
-int VDiskLockUuid(const char* vdiskuuid) { return LockTake(VDiskLockName(vdiskuuid)); }
-void VDiskUnlockUuid(const char* vdiskuuid) { LockRelease(VDiskLockName(vdiskuuid)); }
+int VDiskLock(const VDisk* vdisk) { return LockTake(VDiskLockName(vdisk->vdiskuuid)); }
+void VDiskUnlock(const VDisk* vdisk) { LockRelease(VDiskLockName(vdisk->vdiskuuid)); }
+
+// A snapshot's parent is locked under the parent's own VDisk name, so that
+// the parent's record and its snapshot links are guarded by one lock.
+int ParentLock(const VDisk* vdisk) {
+    assert(vdisk->vde.snapshot != 0);
+    return LockTake(VDiskLockName(vdisk->parentuuid));
+}
+void ParentUnlock(const VDisk* vdisk) {
+    assert(vdisk->vde.snapshot != 0);
+    LockRelease(VDiskLockName(vdisk->parentuuid));
+}
 
 int HeldLock::take(const LockName& ln) {
     // One owner, one lock: a second take would lose the first name.

@@ -11,6 +11,9 @@
 
 namespace corvald {
 
+struct DatastoreEntry;
+struct VDisk;
+
 // Longest lock name a wrapper builds.
 constexpr size_t kLockNameMax = 255;
 
@@ -51,12 +54,14 @@ int NodeLock(unsigned int nodeid);
 void NodeUnlock(unsigned int nodeid);
 int NodeLockStr(const char* nodeuuid);
 void NodeUnlockStr(const char* nodeuuid);
-int DatastoreLockUuid(const char* uuid14);
-void DatastoreUnlockUuid(const char* uuid14);
+int DatastoreLock(const DatastoreEntry* dse);      // by its 14-byte uuid field
+void DatastoreUnlock(const DatastoreEntry* dse);
 int DatastoreLockStr(const char* dsuuid);
 void DatastoreUnlockStr(const char* dsuuid);
-int VDiskLockUuid(const char* vdiskuuid);
-void VDiskUnlockUuid(const char* vdiskuuid);
+int VDiskLock(const VDisk* vdisk);                 // by its vdiskuuid
+void VDiskUnlock(const VDisk* vdisk);
+int ParentLock(const VDisk* vdisk);                // a snapshot's parentuuid
+void ParentUnlock(const VDisk* vdisk);
 
 // Owns one held lock and releases it, by its name, when it goes away, so an
 // early return cannot leave a lock behind. It only ever releases what it

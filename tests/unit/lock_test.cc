@@ -1,4 +1,5 @@
 #include "store/lock.h"
+#include "store/object.h"
 
 #include <signal.h>
 #include <sys/resource.h>
@@ -17,6 +18,8 @@
 #include <vector>
 
 #include <gtest/gtest.h>
+
+#include <cstring>
 
 #include "daemon/config.h"
 #include "support/log_capture.h"
@@ -143,18 +146,31 @@ TEST_F(LockTest, WrappersShareNamesAndUseTheirKindsTimeout) {
     EXPECT_EQ(notices(), "");
 
     // The 14-byte uuid field of a data store entry has no room for a NUL.
-    const char field[14] = {'0', '1', '2', '3', '4', '5', '6', '7', '8', '9', 'a', 'b', 'c', 'd'};
-    EXPECT_EQ(DatastoreLockUuid(field), 0);
+    DatastoreEntry dse = {};
+    std::memcpy(dse.uuid, "0123456789abcd", 14);
+    EXPECT_EQ(DatastoreLock(&dse), 0);
     EXPECT_TRUE(exists("DS-0123456789abcd"));
     EXPECT_EQ(DatastoreLockStr("0123456789abcd"), -1);
     DatastoreUnlockStr("0123456789abcd");
     EXPECT_EQ(DatastoreLockStr("0123456789abcd"), 0);
-    DatastoreUnlockUuid(field);
+    DatastoreUnlock(&dse);
     EXPECT_FALSE(exists("DS-0123456789abcd"));
 
-    EXPECT_EQ(VDiskLockUuid("v1"), 0);
-    EXPECT_EQ(VDiskLockUuid("v1"), -1);
-    VDiskUnlockUuid("v1");
+    // A snapshot's parent lock is its parent's VDisk lock.
+    VDisk parent, snap;
+    std::strcpy(parent.vdiskuuid, "v1");
+    std::strcpy(snap.vdiskuuid, "s1");
+    std::strcpy(snap.parentuuid, "v1");
+    snap.vde.snapshot = 1;
+    EXPECT_EQ(VDiskLock(&parent), 0);
+    EXPECT_EQ(ParentLock(&snap), -1);
+    EXPECT_EQ(VDiskLock(&snap), 0);
+    VDiskUnlock(&snap);
+    VDiskUnlock(&parent);
+    EXPECT_FALSE(exists("VDISK-v1"));
+    EXPECT_EQ(ParentLock(&snap), 0);
+    EXPECT_TRUE(exists("VDISK-v1"));
+    ParentUnlock(&snap);
     EXPECT_FALSE(exists("VDISK-v1"));
     EXPECT_EQ(notices(), timed_out("DS-0123456789abcd") + timed_out("VDISK-v1"));
 }
@@ -162,8 +178,8 @@ TEST_F(LockTest, WrappersShareNamesAndUseTheirKindsTimeout) {
 TEST_F(LockTest, OverlongNamesAndPaths) {
     // A wrapper name over 255 bytes: -1 and not a word.
     std::string uuid(260, 'u');
-    EXPECT_EQ(VDiskLockUuid(uuid.c_str()), -1);
-    VDiskUnlockUuid(uuid.c_str());
+    EXPECT_EQ(LockTake(VDiskLockName(uuid.c_str())), -1);
+    LockRelease(VDiskLockName(uuid.c_str()));
     EXPECT_TRUE(log_.lines().empty()) << log_.dump();
 
     // A name that fits but makes the lock path too long.
