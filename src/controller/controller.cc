@@ -207,8 +207,8 @@ void run_periodic_tasks(LoopRun* lp) {
         stats_ts = std::time(nullptr);
     }
     if (force_pings || due(ping_ts, cfg_ping_interval)) {
-        // send_pings(lp->buf.get(), lp->buflen, lp->so.get()) goes here.
         force_pings = 0;
+        // send_pings(lp->buf.get(), lp->buflen, lp->so.get()) goes here.
         ping_ts = std::time(nullptr);
     }
     if (due(heartbeat_ts, cfg_heartbeat_interval)) {
@@ -229,9 +229,12 @@ bool loop_pass(LoopRun* lp, int* error) {
         *error = 0;
         return false;
     }
+    // The flags are cleared before their task runs: a signal that comes
+    // while it runs (a file rewritten during the reload, say) asks for one
+    // more run instead of being lost.
     if (do_reload) {
-        reload_lists();
         do_reload = 0;
+        reload_lists();
     }
 
     fd_set rfds = lp->fds;
