@@ -90,9 +90,11 @@ int receive_datagram(char* buf, size_t buflen, int so) {
         return -1;
     }
 
-    DatagramReader rd(buf, static_cast<size_t>(len));
-    Received rx{{}, rd, nullptr};
-    if (!rd.read_at(0, &rx.hdr)) {
+    // Only the received length counts: the buffer still holds the bytes of
+    // earlier, longer datagrams behind it.
+    const DatagramReader rd(buf, static_cast<size_t>(len));
+    Hdr hdr;
+    if (!rd.read_at(0, &hdr)) {
         CV_ERROR_AS(kLoop, "Malformed packet? #1");
         return 1;
     }
@@ -101,10 +103,9 @@ int receive_datagram(char* buf, size_t buflen, int so) {
         CV_ERROR_AS(kLoop, "inet_ntop(): %s", std::strerror(errno));
         return 1;
     }
-    rx.ipaddr = ipaddr;
     CV_DEBUG_AS(kLoop, "recvfrom(%s:%d): %zd", ipaddr, int{ntohs(from.sin_port)}, len);
     stats_rx_raise(counter::ALL);
-    dispatch_datagram(rx);
+    dispatch_datagram(Received{hdr, rd, ipaddr});
     return 0;
 }
 
