@@ -1,54 +1,319 @@
-// Interim controller: it only waits for SIGINT/SIGTERM, so that start-up and
-// the orderly stop of the daemon frame can run and be tested. The real main
-// loop (sockets, timers, reloads, statistics) replaces this file.
+// The controller module: its state, the signal flags and the one loop of the
+// process, which waits in select at most a second at a time, runs the
+// periodic work that is due and receives one datagram per turn.
 #include "controller/controller.h"
 
-#include <csignal>
-#include <cassert>
+#include <arpa/inet.h>
+#include <netinet/in.h>
+#include <sys/select.h>
 
+#include <cassert>
+#include <cerrno>
+#include <csignal>
+#include <cstdlib>
+#include <cstring>
+#include <ctime>
+#include <memory>
+
+#include "controller/controller_internal.h"
+#include "controller/stats.h"
+#include "daemon/config.h"
 #include "daemon/log.h"
+#include "net/socket.h"
+#include "util/io.h"
+#include "util/unique_fd.h"
 
 namespace corvald {
 
+NodeList local_nodes;
+HostList unicast_hosts;
+HostList multicast_groups;
+
+int64_t stats_rx_long[counter::RX_COUNT];
+int64_t stats_rx_short[counter::RX_COUNT];
+int64_t stats_tx_long[counter::TX_COUNT];
+int64_t stats_tx_short[counter::TX_COUNT];
+
 namespace {
 
+constexpr const char* kLoop = "controller_thread_loop";
+
 int controller_module_initialized = 0;
+
+// Set by the signal handlers, read and cleared by the loop only. Both
+// reload and pings start set, so the first turn loads the files and
+// announces the local nodes.
 volatile sig_atomic_t do_exit = 0;
+volatile sig_atomic_t do_reload = 1;
+volatile sig_atomic_t force_pings = 1;
+
+// Reference times of the periodic tasks: a task is due once the clock
+// reaches its reference time plus its interval.
+time_t ping_ts;
+time_t heartbeat_ts;
+time_t stats_ts;
+time_t json_ping_ts;
 
 void sigint(int) { do_exit = 1; }
+void sighup(int) { do_reload = 1; }
+void sigusr1(int) { force_pings = 1; }
+
+// No SA_RESTART: a signal must interrupt select so the loop reacts at once.
+void set_disposition(int sig, void (*handler)(int)) {
+    struct sigaction sa;
+    std::memset(&sa, 0, sizeof sa);
+    sigemptyset(&sa.sa_mask);
+    sa.sa_handler = handler;
+    sa.sa_flags = 0;
+    ::sigaction(sig, &sa, nullptr);
+}
+
+struct FreeDeleter {
+    void operator()(char* p) const { std::free(p); }
+};
+
+// What one run of the loop holds. The one message buffer receives every
+// datagram and is where every outgoing one is built.
+struct LoopRun {
+    std::unique_ptr<char, FreeDeleter> buf;
+    size_t buflen = 0;
+    struct sockaddr_in if_addr = {};
+    struct sockaddr_in bind_addr = {};
+    UniqueFd so;
+    UniqueFd ctrlso;
+    fd_set fds;
+    int nfds = 0;
+};
+
+// Rebuilds the read set from the watched descriptors (negative ones are
+// skipped) and stores one above the highest in *nfdsp. Every descriptor
+// must fit the set: start-up and the accept step refuse one that does not.
+void update_fds(fd_set* fds, int* nfdsp, int so, int ctrlso) {
+    FD_ZERO(fds);
+    int top = -1;
+    for (int fd : {so, ctrlso}) {
+        if (fd < 0) continue;
+        assert(fd_fits_select_set(fd));
+        FD_SET(fd, fds);
+        if (fd > top) top = fd;
+    }
+    *nfdsp = top + 1;
+}
+
+// Start-up of the loop in the order of its dependencies; 0, or -1 after the
+// failing step has logged.
+int loop_start(LoopRun* lp) {
+    lp->buflen = static_cast<size_t>(cfg_msg_buffer_size);
+    lp->buf.reset(static_cast<char*>(std::malloc(lp->buflen)));
+    if (!lp->buf) {
+        CV_ERROR_AS(kLoop, "malloc(%zu): %s", lp->buflen, std::strerror(errno));
+        return -1;
+    }
+    // The interface address is needed for multicast only, but a missing
+    // interface fails the start in unicast mode too.
+    if (get_interface_addr(cfg_bind_interface.c_str(), &lp->if_addr) < 0) return -1;
+
+    lp->bind_addr.sin_family = AF_INET;
+    lp->bind_addr.sin_addr.s_addr = htonl(INADDR_ANY);
+    lp->bind_addr.sin_port = htons(static_cast<uint16_t>(cfg_bind_port));
+    lp->so.reset(open_socket(&lp->bind_addr));
+    if (!lp->so) return -1;
+
+    lp->ctrlso.reset(tcp_listen(cfg_ctrl_address.c_str(), cfg_ctrl_port, 0));
+    if (!lp->ctrlso) return -1;
+    if (fd_blocking(lp->ctrlso.get(), 0) < 0) return -1;
+
+    if (cfg_unicast_mode == 0) {
+        if (parse_mcast_groups(&multicast_groups) < 0) return -1;
+        // No group means no destination at all in multicast mode: the start
+        // fails rather than run a daemon that announces to nobody.
+        if (multicast_groups.empty()) {
+            CV_ERROR_AS(kLoop, "Multicast groups missing");
+            return -1;
+        }
+        if (join_mcast_groups(lp->so.get(), &lp->if_addr, multicast_groups) < 0) return -1;
+    }
+
+    // Descriptors inherited open from the parent could push ours past the
+    // capacity of a descriptor set.
+    for (int fd : {lp->so.get(), lp->ctrlso.get()}) {
+        if (!fd_fits_select_set(fd)) {
+            CV_ERROR_AS(kLoop, "Descriptor %d beyond select() capacity %d", fd, FD_SETSIZE);
+            return -1;
+        }
+    }
+    // The listener joins the read set together with the accept step: watched
+    // with nobody accepting, one waiting client would keep it readable and
+    // turn the one-second wait into a busy loop. Until then clients wait in
+    // the listen queue.
+    update_fds(&lp->fds, &lp->nfds, lp->so.get(), -1);
+    return 0;
+}
+
+// The two statistics lines, short/long pairs, each followed by the reset of
+// its short counters.
+void stats() {
+    const int64_t* rl = stats_rx_long;
+    const int64_t* rs = stats_rx_short;
+    CV_NOTICE(
+        "RX: ALL=%lld/%lld PING=%lld/%lld DS_PING=%lld/%lld AUX_PING=%lld/%lld "
+        "SV_PING=%lld/%lld VDISK_DEL=%lld/%lld HEARTBEAT=%lld/%lld ST_JSON=%lld/%lld "
+        "UNKNOWN=%lld/%lld",
+        static_cast<long long>(rs[0]), static_cast<long long>(rl[0]),
+        static_cast<long long>(rs[1]), static_cast<long long>(rl[1]),
+        static_cast<long long>(rs[2]), static_cast<long long>(rl[2]),
+        static_cast<long long>(rs[3]), static_cast<long long>(rl[3]),
+        static_cast<long long>(rs[4]), static_cast<long long>(rl[4]),
+        static_cast<long long>(rs[5]), static_cast<long long>(rl[5]),
+        static_cast<long long>(rs[6]), static_cast<long long>(rl[6]),
+        static_cast<long long>(rs[7]), static_cast<long long>(rl[7]),
+        static_cast<long long>(rs[8]), static_cast<long long>(rl[8]));
+    std::memset(stats_rx_short, 0, sizeof stats_rx_short);
+    const int64_t* tl = stats_tx_long;
+    const int64_t* ts = stats_tx_short;
+    // The blank before the closing placeholder is part of the line.
+    CV_NOTICE(
+        "TX: ALL=%lld/%lld PING=%lld/%lld DS_PING=%lld/%lld AUX_PING=%lld/%lld "
+        "SV_PING=%lld/%lld VDISK_DEL=%lld/%lld HEARTBEAT=%lld/%lld ST_JSON=%lld/%lld ",
+        static_cast<long long>(ts[0]), static_cast<long long>(tl[0]),
+        static_cast<long long>(ts[1]), static_cast<long long>(tl[1]),
+        static_cast<long long>(ts[2]), static_cast<long long>(tl[2]),
+        static_cast<long long>(ts[3]), static_cast<long long>(tl[3]),
+        static_cast<long long>(ts[4]), static_cast<long long>(tl[4]),
+        static_cast<long long>(ts[5]), static_cast<long long>(tl[5]),
+        static_cast<long long>(ts[6]), static_cast<long long>(tl[6]),
+        static_cast<long long>(ts[7]), static_cast<long long>(tl[7]));
+    std::memset(stats_tx_short, 0, sizeof stats_tx_short);
+}
+
+bool due(time_t ts, int interval) { return std::time(nullptr) >= ts + interval; }
+
+// Both files, in either mode; a failed load keeps the list in force and is
+// not retried before the next SIGHUP.
+void reload_lists() {
+    load_local_nodes();
+    dump_local_nodes();
+    load_unicast_hosts();
+    dump_unicast_hosts();
+}
+
+// The periodic tasks in their order. Each reference time is taken from the
+// clock after its task ran, so a period is the interval plus the task's run
+// time.
+void run_periodic_tasks(LoopRun* lp) {
+    (void)lp;  // the senders build their datagrams in lp->buf and send on lp->so
+    if (due(stats_ts, cfg_stats_interval)) {
+        stats();
+        stats_ts = std::time(nullptr);
+    }
+    if (force_pings || due(ping_ts, cfg_ping_interval)) {
+        force_pings = 0;
+        // send_pings(lp->buf.get(), lp->buflen, lp->so.get()) goes here.
+        ping_ts = std::time(nullptr);
+    }
+    if (due(heartbeat_ts, cfg_heartbeat_interval)) {
+        // send_heartbeats(lp->buf.get(), lp->buflen, lp->so.get()) goes here.
+        heartbeat_ts = std::time(nullptr);
+    }
+    if (due(json_ping_ts, cfg_json_ping_interval)) {
+        // send_pings_json(lp->buf.get(), lp->buflen, lp->so.get()) goes here.
+        json_ping_ts = std::time(nullptr);
+        // json_timeout_check(json_ping_ts) goes here.
+    }
+}
+
+// One turn of the loop; false when the loop ends, with *error its result.
+bool loop_pass(LoopRun* lp, int* error) {
+    if (do_exit) {
+        CV_NOTICE_AS(kLoop, "Exit...");
+        *error = 0;
+        return false;
+    }
+    // The flags are cleared before their task runs: a signal that comes
+    // while it runs (a file rewritten during the reload, say) asks for one
+    // more run instead of being lost.
+    if (do_reload) {
+        do_reload = 0;
+        reload_lists();
+    }
+
+    fd_set rfds = lp->fds;
+    struct timeval tv = {1, 0};
+    int ready = ::select(lp->nfds, &rfds, nullptr, nullptr, &tv);
+    if (ready < 0) {
+        if (errno != EINTR) CV_ERROR_AS(kLoop, "select(): %s", std::strerror(errno));
+        return true;
+    }
+
+    run_periodic_tasks(lp);
+    if (ready == 0) {
+        CV_DEBUG_AS(kLoop, "Waiting...");
+        return true;
+    }
+
+    if (FD_ISSET(lp->so.get(), &rfds)) {
+        int rc = receive_datagram(lp->buf.get(), lp->buflen, lp->so.get());
+        if (rc < 0) {
+            *error = 0;
+            return false;
+        }
+        // A dropped datagram ends the turn: connections wait for the next.
+        if (rc > 0) return true;
+    }
+    // Serving the readable control connections, then accepting at most one
+    // new one (each followed by update_fds when the set changed), goes here.
+    return true;
+}
 
 }  // namespace
 
 int controller_module_setup() {
     assert(!controller_module_initialized);
-    struct sigaction sa = {};
-    sigemptyset(&sa.sa_mask);
-    sa.sa_handler = SIG_IGN;
-    sigaction(SIGPIPE, &sa, nullptr);
-    sa.sa_handler = sigint;
-    sigaction(SIGINT, &sa, nullptr);
-    sigaction(SIGTERM, &sa, nullptr);
+    assert(local_nodes.empty() && unicast_hosts.empty() && multicast_groups.empty());
+    // The three lists are members of the module and need no allocation, so
+    // the -1..-3 results for a failed list allocation never occur.
+
+    set_disposition(SIGPIPE, SIG_IGN);
+    set_disposition(SIGINT, sigint);
+    set_disposition(SIGTERM, sigint);
+    set_disposition(SIGHUP, sighup);
+    set_disposition(SIGUSR1, sigusr1);
+
+    std::memset(stats_rx_long, 0, sizeof stats_rx_long);
+    std::memset(stats_rx_short, 0, sizeof stats_rx_short);
+
+    // Staggered so that the periodic tasks do not all fall on one turn.
+    const time_t now = std::time(nullptr);
+    ping_ts = now;
+    heartbeat_ts = now + 3;
+    stats_ts = now + 7;
+    json_ping_ts = now + 11;
+
     controller_module_initialized = 1;
     return 0;
 }
 
 int controller_thread_loop() {
-    // Block the stop signals between the test and the wait, so one that
-    // arrives in between is not lost.
-    sigset_t block, prev;
-    sigemptyset(&block);
-    sigaddset(&block, SIGINT);
-    sigaddset(&block, SIGTERM);
-    sigprocmask(SIG_BLOCK, &block, &prev);
-    while (!do_exit) sigsuspend(&prev);
-    sigprocmask(SIG_SETMASK, &prev, nullptr);
-    CV_NOTICE("Exit...");
-    return 0;
+    LoopRun lp;
+    int error = -1;
+    if (loop_start(&lp) == 0) {
+        while (loop_pass(&lp, &error)) {
+        }
+    }
+    // In the order the parts were opened, last first; the control
+    // connections (each with its closing notice) go before the listener.
+    lp.ctrlso.reset();
+    lp.so.reset();
+    lp.buf.reset();
+    return error;
 }
 
 void controller_module_teardown() {
     assert(controller_module_initialized);
     CV_NOTICE("Starting shutdown sequence...");
+    multicast_groups.clear();
+    unicast_hosts.clear();
+    local_nodes.clear();
     controller_module_initialized = 0;
     CV_NOTICE("Shutdown sequence finished!");
 }

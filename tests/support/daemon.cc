@@ -86,6 +86,9 @@ TestConfig::TestConfig(const TempDir& dir) {
         {"ctrl_port", std::to_string(free_port())},
         {"fence_check", dir / "fencecheck"},
     };
+    for (const char* name : {"local_nodes", "unicast_hosts"}) {
+        if (read_file(dir / name) == "<missing>") dir.write(name, "");
+    }
 }
 
 std::string TestConfig::write(const TempDir& dir, const std::string& name) const {

@@ -35,7 +35,9 @@ struct LoggedLine {
 };
 
 // A configuration for a test daemon: everything under dir, unicast mode on
-// lo, free ports. Keys can be overridden or removed before write().
+// lo, free ports. Keys can be overridden or removed before write(). The
+// local-nodes and unicast-hosts files are made empty in dir unless they are
+// there already, so a plain run reads both without an error.
 struct TestConfig {
     explicit TestConfig(const TempDir& dir);
     std::map<std::string, std::string> values;

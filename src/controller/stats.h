@@ -1,0 +1,49 @@
+// Datagram counters of the controller, reported by the statistics lines of
+// the main loop. Every datagram raises a counter in two arrays: the long one
+// counts since start and is never reset, the short one counts since the last
+// report and is zeroed by it.
+#pragma once
+
+#include <cassert>
+#include <cstdint>
+
+namespace corvald {
+
+// Counter indexes. In a namespace of their own: several names are also
+// datagram type codes (msg::PING is the code 4, counter::PING the index 1).
+namespace counter {
+inline constexpr int ALL = 0;  // every datagram, whatever its type
+inline constexpr int PING = 1;
+inline constexpr int DS_PING = 2;
+inline constexpr int AUX_PING = 3;
+inline constexpr int SV_PING = 4;    // SINGLE_VDISK_PING
+inline constexpr int VDISK_DEL = 5;  // VDISK_DELETED
+inline constexpr int HEARTBEAT = 6;
+inline constexpr int ST_JSON = 7;  // STORE_JSON and DELETE_JSON
+inline constexpr int UNKNOWN = 8;  // receive only
+
+inline constexpr int RX_COUNT = 9;
+inline constexpr int TX_COUNT = 8;
+}  // namespace counter
+
+extern int64_t stats_rx_long[counter::RX_COUNT];
+extern int64_t stats_rx_short[counter::RX_COUNT];
+extern int64_t stats_tx_long[counter::TX_COUNT];
+extern int64_t stats_tx_short[counter::TX_COUNT];
+
+// Raises the receive counter of index in both arrays.
+inline void stats_rx_raise(int index) {
+    assert(index >= 0 && index < counter::RX_COUNT);
+    ++stats_rx_long[index];
+    ++stats_rx_short[index];
+}
+// Raises the send counter of index in both arrays. A datagram sent to three
+// destinations is three sends: the sender raises ALL and its own index once
+// per destination reached.
+inline void stats_tx_raise(int index) {
+    assert(index >= 0 && index < counter::TX_COUNT);
+    ++stats_tx_long[index];
+    ++stats_tx_short[index];
+}
+
+}  // namespace corvald
