@@ -125,11 +125,26 @@ TEST(Frame, LogMaskFollowsPriorityAndDebugCount) {
         EXPECT_TRUE(d.matching("syslog_ident=").empty());
     }
     {
+        // -dd passes the info dump and the loop's debug lines whatever the
+        // configured priority.
         Daemon d({"-dd", "-C", conf}, dir);
         EXPECT_TRUE(d.wait_for("syslog_priority=notice"));
-        ASSERT_TRUE(d.wait_handler(SIGTERM));
+        EXPECT_TRUE(d.wait_for("debug: controller_thread_loop(): Waiting..."));
         d.signal(SIGTERM);
         EXPECT_EQ(d.wait_exit(), 0);
+    }
+    {
+        // Under -d at info, an idle pass logs its statistics but not the
+        // debug line that follows them: two reports mean a whole idle pass.
+        cfg.values["syslog_priority"] = "info";
+        cfg.values["stats_interval"] = "0";
+        Daemon d({"-d", "-C", cfg.write(dir)}, dir);
+        ASSERT_TRUE(d.wait_for("TX: ALL=0/0"));
+        ASSERT_TRUE(d.wait_for_after(d.mark(), "TX: ALL=0/0"));
+        EXPECT_TRUE(d.matching("Waiting...").empty());
+        d.signal(SIGTERM);
+        EXPECT_EQ(d.wait_exit(), 0);
+        cfg.values.erase("stats_interval");
     }
     cfg.values["syslog_priority"] = "none";
     conf = cfg.write(dir);
@@ -167,6 +182,24 @@ TEST(Frame, DetachedDaemonLogsToSyslogOnly) {
     ASSERT_TRUE(fin);
     EXPECT_EQ(fin->priority, 5);
     for (const auto& l : d.lines()) EXPECT_EQ(l.priority == -1, false) << "on stderr: " << l.raw;
+}
+
+// syslog_priority = debug lets the loop's debug lines through without -d.
+TEST(Frame, SyslogDebugPriorityWithoutDashD) {
+    if (!syslog_available()) GTEST_SKIP() << "needs root and mount namespaces to give the daemon its own /dev/log";
+    TempDir dir;
+    TestConfig cfg(dir);
+    cfg.values["syslog_priority"] = "debug";
+    Daemon d({"-C", cfg.write(dir)}, dir, Daemon::LogVia::Syslog);
+    EXPECT_EQ(d.wait_exit(), 0);
+    auto pid = d.wait_pid_file(dir / "corvald.pid");
+    ASSERT_TRUE(pid);
+    auto waiting = d.wait_for("debug: controller_thread_loop(): Waiting...");
+    ASSERT_TRUE(waiting);
+    EXPECT_EQ(waiting->priority, 7);
+    ASSERT_TRUE(d.wait_handler(SIGTERM, *pid));
+    d.signal(SIGTERM, *pid);
+    EXPECT_TRUE(d.wait_for("Shutdown sequence finished!"));
 }
 
 TEST(Frame, SyslogWarnPriorityHidesNotices) {
