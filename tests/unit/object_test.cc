@@ -3,10 +3,8 @@
 // small initializers of members and hosts.
 #include "store/object.h"
 
-#include <arpa/inet.h>
 #include <gtest/gtest.h>
 
-#include <algorithm>
 #include <cstdint>
 #include <cstring>
 #include <random>
@@ -19,6 +17,8 @@
 namespace corvald {
 namespace {
 
+using Names = std::vector<std::string>;
+
 std::unique_ptr<VDisk> vdisk_named(const std::string& uuid) {
     auto vd = std::make_unique<VDisk>();
     std::memcpy(vd->vde.uuid, uuid.data(), uuid.size());
@@ -26,8 +26,8 @@ std::unique_ptr<VDisk> vdisk_named(const std::string& uuid) {
     return vd;
 }
 
-std::vector<std::string> walk(VDiskTree* t) {
-    std::vector<std::string> out;
+Names walk(VDiskTree* t) {
+    Names out;
     for (VDisk* v = VDiskTree_RB_MINMAX(t, -1); v != nullptr; v = VDiskTree_RB_NEXT(t, v)) {
         out.push_back(v->vdiskuuid);
     }
@@ -37,58 +37,44 @@ std::vector<std::string> walk(VDiskTree* t) {
 TEST(VDiskTree, ByteOrderDuplicatesAndWalks) {
     VDiskTree t;
     EXPECT_EQ(VDiskTree_RB_MINMAX(&t, -1), nullptr);
-    EXPECT_EQ(VDiskTree_RB_MINMAX(&t, 1), nullptr);
 
     // Byte order, not numeric: a10 < a2 < b1; a prefix sorts first; bytes
     // from 0x80 up sort after ASCII.
-    for (const char* u : {"b1", "a2", "a10", "\xc3\xa9t\xc3\xa9", "a", "z"}) {
+    const char* ete = "\xc3\xa9t\xc3\xa9";
+    for (const char* u : {"b1", "a2", "a10", ete, "a", "z"}) {
         auto vd = vdisk_named(u);
         EXPECT_EQ(VDiskTree_RB_INSERT(&t, &vd), nullptr);
         EXPECT_EQ(vd, nullptr);  // the tree took it
     }
-    const std::vector<std::string> order = {"a", "a10", "a2", "b1", "z", "\xc3\xa9t\xc3\xa9"};
-    EXPECT_EQ(walk(&t), order);
-    std::vector<std::string> by_range;
-    for (auto& [key, vd] : t) by_range.push_back(vd->vdiskuuid);
-    EXPECT_EQ(by_range, order);
+    EXPECT_EQ(walk(&t), (Names{"a", "a10", "a2", "b1", "z", ete}));
 
-    // A second VDisk with a known uuid: the first is returned, nothing changes.
+    // A second VDisk with a known uuid: the first is returned, the second
+    // stays the caller's and nothing changes.
     VDisk* first = VDiskTree_RB_FIND(&t, "a2");
     ASSERT_NE(first, nullptr);
     auto dup = vdisk_named("a2");
-    VDisk* dup_raw = dup.get();
     EXPECT_EQ(VDiskTree_RB_INSERT(&t, &dup), first);
-    EXPECT_EQ(dup.get(), dup_raw);  // still the caller's
-    EXPECT_EQ(t.size(), order.size());
+    ASSERT_NE(dup, nullptr);
+    EXPECT_EQ(t.size(), 6u);
 
-    EXPECT_EQ(VDiskTree_RB_FIND(&t, dup_raw), first);
+    EXPECT_EQ(VDiskTree_RB_FIND(&t, dup.get()), first);
     EXPECT_EQ(VDiskTree_RB_FIND(&t, "a3"), nullptr);
     EXPECT_EQ(VDiskTree_RB_NFIND(&t, vdisk_named("a3").get()), VDiskTree_RB_FIND(&t, "b1"));
-    EXPECT_EQ(VDiskTree_RB_NFIND(&t, vdisk_named("a10").get()), VDiskTree_RB_FIND(&t, "a10"));
     EXPECT_EQ(VDiskTree_RB_NFIND(&t, vdisk_named("\xff").get()), nullptr);
-
     VDisk* last = VDiskTree_RB_MINMAX(&t, 1);
-    EXPECT_STREQ(last->vdiskuuid, "\xc3\xa9t\xc3\xa9");
     EXPECT_EQ(VDiskTree_RB_NEXT(&t, last), nullptr);
     EXPECT_EQ(VDiskTree_RB_PREV(&t, VDiskTree_RB_MINMAX(&t, -1)), nullptr);
     EXPECT_STREQ(VDiskTree_RB_PREV(&t, first)->vdiskuuid, "a10");
     EXPECT_LT(VDiskCompare(VDiskTree_RB_FIND(&t, "a10"), first), 0);
     EXPECT_GT(VDiskCompare(last, first), 0);
-    EXPECT_EQ(VDiskCompare(dup_raw, first), 0);
 
     // Removing hands the VDisk back; another object with the same key is
     // not the one in the tree and is not removed.
-    EXPECT_EQ(VDiskTree_RB_REMOVE(&t, dup_raw), nullptr);
-    std::unique_ptr<VDisk> back = VDiskTree_RB_REMOVE(&t, first);
-    EXPECT_EQ(back.get(), first);
-    EXPECT_EQ(walk(&t), (std::vector<std::string>{"a", "a10", "b1", "z", "\xc3\xa9t\xc3\xa9"}));
+    EXPECT_EQ(VDiskTree_RB_REMOVE(&t, dup.get()), nullptr);
+    EXPECT_EQ(VDiskTree_RB_REMOVE(&t, first).get(), first);
     EXPECT_EQ(VDiskTree_RB_INSERT(&t, &dup), nullptr);  // the key is free again
-
     VDiskTreeFlush(&t);
     EXPECT_TRUE(t.empty());
-    auto again = vdisk_named("b1");
-    EXPECT_EQ(VDiskTree_RB_INSERT(&t, &again), nullptr);  // still usable
-    EXPECT_EQ(walk(&t), std::vector<std::string>{"b1"});
 }
 
 TEST(VDiskInit, DerivedTexts) {
@@ -104,7 +90,6 @@ TEST(VDiskInit, DerivedTexts) {
     std::memcpy(vde.description.snap.parent, "p-0001", 7);
     ASSERT_EQ(VDiskInit(&vd, &vde), 0);
     EXPECT_STREQ(vd.parentuuid, "p-0001");
-    EXPECT_EQ(std::memcmp(&vd.vde, &vde, sizeof vde), 0);
 
     // Refused names leave both texts empty.
     test::LogCapture log;
@@ -116,40 +101,30 @@ TEST(VDiskInit, DerivedTexts) {
 }
 
 TEST(SmallObjects, MembersNodesAndHosts) {
-    Member m;
-    MemberEntry mbe{4294967295u};
-    MemberInit(&m, &mbe);
-    EXPECT_STREQ(m.uuid, "4294967295");
+    MemberList list;
+    for (uint32_t id : {4294967295u, 9u, 4294967295u}) {
+        MemberEntry e{id};
+        MemberInit(&list.emplace_back(), &e);
+    }
+    EXPECT_STREQ(list[0].uuid, "4294967295");
+    EXPECT_EQ(MemberLookup(&list, 4294967295u), &list[0]);
+    EXPECT_EQ(MemberLookup(&list, 9), &list[1]);
+    EXPECT_EQ(MemberLookup(&list, 6), nullptr);
     Member bare;
     bare.mbe.node = 17;
     MemberInit(&bare, nullptr);
     EXPECT_STREQ(bare.uuid, "17");
 
-    MemberList list;
-    for (uint32_t id : {5u, 9u, 5u}) {
-        MemberEntry e{id};
-        MemberInit(&list.emplace_back(), &e);
-    }
-    EXPECT_EQ(MemberLookup(&list, 5), &list[0]);
-    EXPECT_EQ(MemberLookup(&list, 9), &list[1]);
-    EXPECT_EQ(MemberLookup(&list, 6), nullptr);
-
     Node n;
     NodeInit(&n, 4000000000u);
-    EXPECT_EQ(n.nodeid, 4000000000u);
     EXPECT_STREQ(n.nodeuuid, "4000000000");
 
+    // Accepted groups are checked through the group list of the socket tests.
     Host h;
-    ASSERT_EQ(HostInit(&h, "224.1", 8000), 0);  // inet_aton's short form
-    EXPECT_STREQ(h.ipaddr, "224.1");
-    EXPECT_EQ(h.sa.sin_family, AF_INET);
-    EXPECT_EQ(h.sa.sin_addr.s_addr, htonl(0xE0000001u));
-    EXPECT_EQ(h.sa.sin_port, htons(8000));
-    EXPECT_EQ(HostInit(&h, "198.18.255.255", 1), 0);
+    ASSERT_EQ(HostInit(&h, "198.18.255.255", 1), 0);
     EXPECT_EQ(HostInit(&h, "198.018.255.2551", 1), -1);  // 16 characters
     EXPECT_STREQ(h.ipaddr, "");
     EXPECT_EQ(HostInit(&h, "224.1.1.1:9000", 1), -2);
-    EXPECT_EQ(HostInit(&h, "", 1), -2);
 }
 
 TEST(DatagramReader, NeverPastTheReceivedLength) {
@@ -157,10 +132,8 @@ TEST(DatagramReader, NeverPastTheReceivedLength) {
     std::vector<char> buf(64, 'x');
     DatagramReader rd(buf.data(), 10);
     MemberEntry m;
-    EXPECT_TRUE(rd.read(&m));
-    EXPECT_TRUE(rd.read(&m));
+    EXPECT_TRUE(rd.read(&m) && rd.read(&m));
     EXPECT_FALSE(rd.read(&m));  // 8 of 10 used, 4 more would end at 12
-    EXPECT_EQ(rd.offset(), 8u);
     EXPECT_EQ(rd.remaining(), 2u);
     EXPECT_TRUE(rd.read_at(6, &m));
     EXPECT_FALSE(rd.read_at(7, &m));
@@ -168,10 +141,8 @@ TEST(DatagramReader, NeverPastTheReceivedLength) {
     EXPECT_FALSE(rd.fits(2, SIZE_MAX));
     EXPECT_EQ(rd.tail(8).size(), 2u);
     EXPECT_TRUE(rd.tail(10).empty());
-    EXPECT_TRUE(rd.tail(SIZE_MAX).empty());
     EXPECT_FALSE(rd.seek(11));
     EXPECT_TRUE(rd.seek(10));
-    EXPECT_EQ(rd.remaining(), 0u);
 
     char out[8];
     DatagramWriter wr(out, sizeof out);
@@ -183,25 +154,25 @@ TEST(DatagramReader, NeverPastTheReceivedLength) {
     EXPECT_EQ(wr.length(), 8u);
 }
 
-// A VDisk block the way a sender lays it out.
+// A VDisk block the way a sender lays it out; a snapshot when it has a parent.
 void append_block(std::vector<char>* d, const char* uuid, std::vector<uint32_t> members,
-                  std::vector<uint32_t> frontends, uint16_t snapshot = 0,
-                  const char* parent = "") {
+                  std::vector<uint32_t> frontends, const char* parent = nullptr) {
     VDiskEntry v{};
-    std::memcpy(v.uuid, uuid, std::min(std::strlen(uuid), sizeof v.uuid));
-    v.snapshot = snapshot;
-    if (snapshot != 0) std::memcpy(v.description.snap.parent, parent, std::min<size_t>(std::strlen(parent), 14));
+    std::memcpy(v.uuid, uuid, std::strlen(uuid));
+    v.snapshot = parent != nullptr;
+    if (parent != nullptr) std::memcpy(v.description.snap.parent, parent, std::strlen(parent));
     v.members = static_cast<uint16_t>(members.size());
     v.frontends = static_cast<uint16_t>(frontends.size());
+    members.insert(members.end(), frontends.begin(), frontends.end());
     const char* p = reinterpret_cast<const char*>(&v);
     d->insert(d->end(), p, p + sizeof v);
-    for (uint32_t x : members) d->insert(d->end(), (char*)&x, (char*)&x + 4);
-    for (uint32_t x : frontends) d->insert(d->end(), (char*)&x, (char*)&x + 4);
+    p = reinterpret_cast<const char*>(members.data());
+    d->insert(d->end(), p, p + 4 * members.size());
 }
 
 // Reads blocks until less than an entry is left, as the receive loop does;
 // returns the results and collects the uuids of the VDisks made.
-std::vector<int> read_all(const std::vector<char>& d, std::vector<std::string>* uuids) {
+std::vector<int> read_all(const std::vector<char>& d, Names* uuids = nullptr) {
     // An exact-size copy, so a read past the end is an ASan error.
     std::vector<char> exact(d);
     DatagramReader rd(exact.data(), exact.size());
@@ -221,7 +192,6 @@ TEST(VDiskRead, BlocksRefusalsAndOverruns) {
     std::vector<char> d;
     uint32_t fe = 0xC0A8000Au;  // 192.168.0.10
     append_block(&d, "vd-1", {7, 9}, {fe});
-    ASSERT_EQ(d.size(), 137u);
     {
         std::vector<char> exact(d);
         DatagramReader rd(exact.data(), exact.size());
@@ -233,68 +203,59 @@ TEST(VDiskRead, BlocksRefusalsAndOverruns) {
         EXPECT_STREQ(vd->members[1].uuid, "9");
         ASSERT_EQ(vd->frontends.size(), 1u);
         EXPECT_STREQ(vd->frontends[0].ipaddr, "192.168.0.10");
-        EXPECT_EQ(+vd->frontends[0].fee.node, fe);
         EXPECT_EQ(vd->members_count, 2);
         EXPECT_EQ(vd->frontends_count, 1);
     }
 
     // One byte short of the frontend, then of the second member.
-    std::vector<char> cut(d.begin(), d.end() - 1);
-    EXPECT_EQ(read_all(cut, nullptr), std::vector<int>{-3});
-    cut.assign(d.begin(), d.begin() + 125 + 7);
-    EXPECT_EQ(read_all(cut, nullptr), std::vector<int>{-2});
+    EXPECT_EQ(read_all(std::vector<char>(d.begin(), d.end() - 1)), std::vector<int>{-3});
+    EXPECT_EQ(read_all(std::vector<char>(d.begin(), d.begin() + 125 + 7)), std::vector<int>{-2});
 
     // Refused names are skipped whole and the walk goes on behind them.
     test::LogCapture log;
     std::vector<char> mixed;
-    append_block(&mixed, "", {1}, {});
-    append_block(&mixed, "a/b", {}, {fe});
-    append_block(&mixed, ".", {}, {});
-    append_block(&mixed, "..", {1, 2}, {});
-    append_block(&mixed, "snap", {}, {}, 1, "");
-    append_block(&mixed, "snap2", {}, {}, 1, "..");
-    append_block(&mixed, "good", {3}, {fe});
-    append_block(&mixed, "snap3", {}, {}, 1, "good");
-    std::vector<std::string> made;
+    const std::pair<const char*, const char*> blocks[] = {  // uuid, snapshot parent
+        {"", nullptr},   {"a/b", nullptr}, {".", nullptr},    {"..", nullptr},
+        {"snap", ""},    {"snap2", ".."},  {"good", nullptr}, {"snap3", "good"}};
+    for (auto [uuid, parent] : blocks) append_block(&mixed, uuid, {1, 2}, {fe}, parent);
+    Names made;
     EXPECT_EQ(read_all(mixed, &made), (std::vector<int>{-1, -1, -1, -1, -1, -1, 0, 0}));
-    EXPECT_EQ(made, (std::vector<std::string>{"good", "snap3"}));
+    EXPECT_EQ(made, (Names{"good", "snap3"}));
     EXPECT_EQ(log.lines_containing("error: vde_check_uuids(): Refused").size(), 6u);
 
     // A refused block that overruns the datagram ends the walk.
     std::vector<char> bad_tail;
     append_block(&bad_tail, "..", {1, 2, 3}, {});
     bad_tail.resize(bad_tail.size() - 2);
-    EXPECT_EQ(read_all(bad_tail, nullptr), std::vector<int>{-1});
+    EXPECT_EQ(read_all(bad_tail), std::vector<int>{-1});
 
     // Counts far beyond the datagram are refused without reserving for them.
     std::vector<char> huge;
     append_block(&huge, "big", {}, {});
-    uint16_t lots = 65535;
-    std::memcpy(&huge[121], &lots, 2);
-    std::memcpy(&huge[123], &lots, 2);
+    std::memset(&huge[121], 0xFF, 4);  // 65535 members and frontends
     huge.resize(huge.size() + 40);
-    EXPECT_EQ(read_all(huge, nullptr), std::vector<int>{-2});
+    EXPECT_EQ(read_all(huge), std::vector<int>{-2});
 }
 
 TEST(VDiskRead, ArbitraryBytesOfAnyLength) {
     // Random datagrams, with counts steered small so that many parse whole:
     // whatever the bytes, reading stays inside them (ASan checks the bound)
     // and every VDisk made has a safe, terminated uuid.
+    test::LogCapture log;  // keeps the traces out of the system log
     std::mt19937 rng(12345);
     for (int round = 0; round < 3000; ++round) {
         std::vector<char> d(rng() % 1200);
         for (char& c : d) c = static_cast<char>(rng());
         for (size_t at = 0; at + 125 <= d.size(); at += 125 + 4 * (rng() % 4)) {
             if (rng() % 2) {
-                d[at + 121] = static_cast<char>(rng() % 3);
-                d[at + 122] = 0;
-                d[at + 123] = static_cast<char>(rng() % 3);
-                d[at + 124] = 0;
+                for (size_t count : {121, 123}) {
+                    d[at + count] = static_cast<char>(rng() % 3);
+                    d[at + count + 1] = 0;
+                }
             }
-            if (rng() % 4 == 0) d[at + 4] = static_cast<char>("./\0a"[rng() % 4]);
+            if (rng() % 4 == 0) d[at + 4] = "./\0a"[rng() % 4];
         }
-        std::vector<char> exact(d);
-        DatagramReader rd(exact.data(), exact.size());
+        DatagramReader rd(d.data(), d.size());
         while (rd.remaining() >= sizeof(VDiskEntry)) {
             std::unique_ptr<VDisk> vd;
             size_t before = rd.offset();
