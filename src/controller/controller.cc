@@ -29,10 +29,10 @@ NodeList local_nodes;
 HostList unicast_hosts;
 HostList multicast_groups;
 
-int64_t stats_rx_long[counter::RX_COUNT];
-int64_t stats_rx_short[counter::RX_COUNT];
-int64_t stats_tx_long[counter::TX_COUNT];
-int64_t stats_tx_short[counter::TX_COUNT];
+long long stats_rx_long[counter::RX_COUNT];
+long long stats_rx_short[counter::RX_COUNT];
+long long stats_tx_long[counter::TX_COUNT];
+long long stats_tx_short[counter::TX_COUNT];
 
 namespace {
 
@@ -153,36 +153,23 @@ int loop_start(LoopRun* lp) {
 // The two statistics lines, short/long pairs, each followed by the reset of
 // its short counters.
 void stats() {
-    const int64_t* rl = stats_rx_long;
-    const int64_t* rs = stats_rx_short;
+    const long long* rl = stats_rx_long;
+    const long long* rs = stats_rx_short;
     CV_NOTICE(
         "RX: ALL=%lld/%lld PING=%lld/%lld DS_PING=%lld/%lld AUX_PING=%lld/%lld "
         "SV_PING=%lld/%lld VDISK_DEL=%lld/%lld HEARTBEAT=%lld/%lld ST_JSON=%lld/%lld "
         "UNKNOWN=%lld/%lld",
-        static_cast<long long>(rs[0]), static_cast<long long>(rl[0]),
-        static_cast<long long>(rs[1]), static_cast<long long>(rl[1]),
-        static_cast<long long>(rs[2]), static_cast<long long>(rl[2]),
-        static_cast<long long>(rs[3]), static_cast<long long>(rl[3]),
-        static_cast<long long>(rs[4]), static_cast<long long>(rl[4]),
-        static_cast<long long>(rs[5]), static_cast<long long>(rl[5]),
-        static_cast<long long>(rs[6]), static_cast<long long>(rl[6]),
-        static_cast<long long>(rs[7]), static_cast<long long>(rl[7]),
-        static_cast<long long>(rs[8]), static_cast<long long>(rl[8]));
+        rs[0], rl[0], rs[1], rl[1], rs[2], rl[2], rs[3], rl[3], rs[4], rl[4], rs[5], rl[5], rs[6],
+        rl[6], rs[7], rl[7], rs[8], rl[8]);
     std::memset(stats_rx_short, 0, sizeof stats_rx_short);
-    const int64_t* tl = stats_tx_long;
-    const int64_t* ts = stats_tx_short;
+    const long long* tl = stats_tx_long;
+    const long long* ts = stats_tx_short;
     // The blank before the closing placeholder is part of the line.
     CV_NOTICE(
         "TX: ALL=%lld/%lld PING=%lld/%lld DS_PING=%lld/%lld AUX_PING=%lld/%lld "
         "SV_PING=%lld/%lld VDISK_DEL=%lld/%lld HEARTBEAT=%lld/%lld ST_JSON=%lld/%lld ",
-        static_cast<long long>(ts[0]), static_cast<long long>(tl[0]),
-        static_cast<long long>(ts[1]), static_cast<long long>(tl[1]),
-        static_cast<long long>(ts[2]), static_cast<long long>(tl[2]),
-        static_cast<long long>(ts[3]), static_cast<long long>(tl[3]),
-        static_cast<long long>(ts[4]), static_cast<long long>(tl[4]),
-        static_cast<long long>(ts[5]), static_cast<long long>(tl[5]),
-        static_cast<long long>(ts[6]), static_cast<long long>(tl[6]),
-        static_cast<long long>(ts[7]), static_cast<long long>(tl[7]));
+        ts[0], tl[0], ts[1], tl[1], ts[2], tl[2], ts[3], tl[3], ts[4], tl[4], ts[5], tl[5], ts[6],
+        tl[6], ts[7], tl[7]);
     std::memset(stats_tx_short, 0, sizeof stats_tx_short);
 }
 

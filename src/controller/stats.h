@@ -5,7 +5,6 @@
 #pragma once
 
 #include <cassert>
-#include <cstdint>
 
 namespace corvald {
 
@@ -26,10 +25,13 @@ inline constexpr int RX_COUNT = 9;
 inline constexpr int TX_COUNT = 8;
 }  // namespace counter
 
-extern int64_t stats_rx_long[counter::RX_COUNT];
-extern int64_t stats_rx_short[counter::RX_COUNT];
-extern int64_t stats_tx_long[counter::TX_COUNT];
-extern int64_t stats_tx_short[counter::TX_COUNT];
+// Signed 64-bit counters, as long long so that they print with %lld as they
+// are.
+static_assert(sizeof(long long) == 8);
+extern long long stats_rx_long[counter::RX_COUNT];
+extern long long stats_rx_short[counter::RX_COUNT];
+extern long long stats_tx_long[counter::TX_COUNT];
+extern long long stats_tx_short[counter::TX_COUNT];
 
 // Raises the receive counter of index in both arrays.
 inline void stats_rx_raise(int index) {
