@@ -8,7 +8,6 @@
 #include <signal.h>
 #include <sys/resource.h>
 #include <sys/socket.h>
-#include <sys/time.h>
 #include <unistd.h>
 
 #include <gtest/gtest.h>
@@ -18,6 +17,7 @@
 
 #include "support/log_capture.h"
 #include "support/syscall_hooks.h"
+#include "support/signals.h"
 #include "support/temp_dir.h"
 #include "util/unique_fd.h"
 
@@ -51,28 +51,18 @@ void on_alarm(int) {
     }
 }
 
+// SIGALRM every 5 ms; the handler may unblock the call under test.
 class Interrupter {
 public:
     Interrupter(int fd, bool by_reading) {
         alarms = 0;
         unblock_fd = fd;
         unblock_by_reading = by_reading;
-        struct sigaction sa = {};
-        sa.sa_handler = on_alarm;
-        sigemptyset(&sa.sa_mask);
-        ::sigaction(SIGALRM, &sa, &old_);
-        struct itimerval it = {{0, 5000}, {0, 5000}};
-        ::setitimer(ITIMER_REAL, &it, nullptr);
     }
-    ~Interrupter() {
-        struct itimerval off = {};
-        ::setitimer(ITIMER_REAL, &off, nullptr);
-        ::sigaction(SIGALRM, &old_, nullptr);
-        unblock_fd = -1;
-    }
+    ~Interrupter() { unblock_fd = -1; }
 
 private:
-    struct sigaction old_;
+    test::SignalTimer timer_{SIGALRM, on_alarm, 5, 5};
 };
 
 struct Pipe {

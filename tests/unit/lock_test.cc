@@ -3,7 +3,6 @@
 #include <signal.h>
 #include <sys/resource.h>
 #include <sys/stat.h>
-#include <sys/time.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -21,6 +20,7 @@
 #include "daemon/config.h"
 #include "store/object.h"
 #include "support/log_capture.h"
+#include "support/signals.h"
 #include "support/syscall_hooks.h"
 #include "support/temp_dir.h"
 
@@ -28,6 +28,7 @@ namespace corvald {
 namespace {
 
 using test::LogCapture;
+using test::SignalTimer;
 using test::SyscallHooks;
 using test::TempDir;
 using Lines = std::vector<std::string>;
@@ -96,9 +97,7 @@ TEST_F(LockTest, HeldLockWaitsDoublingStepsThenGivesUp) {
     SyscallHooks hooks;
     int opens = 0;
     alarms = 0;
-    sighandler_t old_handler = ::signal(SIGALRM, on_alarm);
-    struct itimerval every_20ms = {{0, 20'000}, {0, 20'000}}, off = {};
-    ASSERT_EQ(::setitimer(ITIMER_REAL, &every_20ms, nullptr), 0);
+    auto timer = std::make_unique<SignalTimer>(SIGALRM, on_alarm, 20, 20);
     const std::vector<std::pair<int, std::vector<int>>> cases = {
         {0, {}}, {-5, {}}, {30, {}}, {50, {50}}, {750, {50, 100, 200, 400}}, {1000, {50, 100, 200, 400, 800}}};
     for (const auto& [timeout_ms, waits] : cases) {
@@ -113,8 +112,7 @@ TEST_F(LockTest, HeldLockWaitsDoublingStepsThenGivesUp) {
         if (timeout_ms > 0) want.push_back(timed_out("NODE-7"));
         EXPECT_EQ(notices(), want) << timeout_ms;
     }
-    ::setitimer(ITIMER_REAL, &off, nullptr);
-    ::signal(SIGALRM, old_handler);
+    timer.reset();
     EXPECT_GT(alarms, 0);
     EXPECT_EQ(tmp_.read("locks/NODE-7"), "4242\n");  // the holder's file is left alone
 }

@@ -2,7 +2,6 @@
 
 #include <signal.h>
 #include <sys/stat.h>
-#include <time.h>
 #include <unistd.h>
 
 #include <gtest/gtest.h>
@@ -11,6 +10,7 @@
 #include <chrono>
 
 #include "support/log_capture.h"
+#include "support/signals.h"
 #include "support/temp_dir.h"
 
 namespace corvald {
@@ -77,37 +77,14 @@ volatile sig_atomic_t usr1s = 0;
 void on_hup(int) { hups = hups + 1; }
 void on_usr1(int) { usr1s = usr1s + 1; }
 
-// Fires sig once after ms, process-directed, like a signal from outside.
-class OneShot {
-public:
-    OneShot(int sig, int ms) {
-        struct sigevent ev = {};
-        ev.sigev_notify = SIGEV_SIGNAL;
-        ev.sigev_signo = sig;
-        ::timer_create(CLOCK_MONOTONIC, &ev, &t_);
-        struct itimerspec it = {{0, 0}, {ms / 1000, (ms % 1000) * 1000000L}};
-        ::timer_settime(t_, 0, &it, nullptr);
-    }
-    ~OneShot() { ::timer_delete(t_); }
-
-private:
-    timer_t t_;
-};
-
 TEST(Msleep, HoldsBackStopAndReloadSignalsButNotUsr1) {
-    struct sigaction sa = {}, old_hup, old_usr1;
-    sigemptyset(&sa.sa_mask);
-    sa.sa_handler = on_hup;
-    ::sigaction(SIGHUP, &sa, &old_hup);
-    sa.sa_handler = on_usr1;
-    ::sigaction(SIGUSR1, &sa, &old_usr1);
     using Clock = std::chrono::steady_clock;
 
     EXPECT_EQ(msleep(0), 0);
 
     hups = 0;
     {
-        OneShot hup(SIGHUP, 20);
+        test::SignalTimer hup(SIGHUP, on_hup, 20);
         auto t0 = Clock::now();
         EXPECT_EQ(msleep(300), 0);
         EXPECT_GE(Clock::now() - t0, std::chrono::milliseconds(300));
@@ -117,7 +94,7 @@ TEST(Msleep, HoldsBackStopAndReloadSignalsButNotUsr1) {
 
     usr1s = 0;
     {
-        OneShot usr1(SIGUSR1, 20);
+        test::SignalTimer usr1(SIGUSR1, on_usr1, 20);
         auto t0 = Clock::now();
         EXPECT_EQ(msleep(60000), -EINTR);
         EXPECT_LT(Clock::now() - t0, std::chrono::seconds(30));
@@ -128,9 +105,6 @@ TEST(Msleep, HoldsBackStopAndReloadSignalsButNotUsr1) {
     auto t0 = Clock::now();
     EXPECT_EQ(msleep(1100), 0);
     EXPECT_GE(Clock::now() - t0, std::chrono::milliseconds(1100));
-
-    ::sigaction(SIGHUP, &old_hup, nullptr);
-    ::sigaction(SIGUSR1, &old_usr1, nullptr);
 }
 
 }  // namespace
