@@ -11,6 +11,7 @@
 #include "controller/controller_internal.h"
 #include "daemon/config.h"
 #include "daemon/log.h"
+#include "util/unique_fd.h"
 
 namespace corvald {
 
@@ -19,11 +20,6 @@ namespace {
 // Lines of at most 254 characters and their newline; fgets leaves a longer
 // line without its newline in the buffer, which makes the file malformed.
 constexpr int kLineBuffer = 256;
-
-struct FileCloser {
-    void operator()(FILE* fp) const { std::fclose(fp); }
-};
-using UniqueFile = std::unique_ptr<FILE, FileCloser>;
 
 // Reads path into *list, handing every entry line (newline removed) to
 // add(line, list), which logs under op why it refuses one. Comments ('#' in

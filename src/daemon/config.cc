@@ -19,6 +19,7 @@
 
 #include "daemon/config_internal.h"
 #include "daemon/syslog.h"
+#include "util/unique_fd.h"
 
 namespace corvald {
 
@@ -230,15 +231,15 @@ void config_module_setup() {
 
 int config_read(const char* path, std::string& error) {
     assert(config_module_initialized);
-    FILE* f = std::fopen(path, "r");
-    if (f == nullptr)
+    UniqueFile f(std::fopen(path, "r"));
+    if (!f)
         return fail(error, "error: %s(): fopen(%s): %s\n", "config_load", path, std::strerror(errno));
 
     char line[1024];
     int rc = 0;
     while (rc == 0) {
-        if (std::fgets(line, sizeof(line), f) == nullptr) {
-            if (std::ferror(f)) rc = fail(error, "error: %s(): Error reading config\n", "config_load");
+        if (std::fgets(line, sizeof(line), f.get()) == nullptr) {
+            if (std::ferror(f.get())) rc = fail(error, "error: %s(): Error reading config\n", "config_load");
             break;
         }
         char* nl = std::strchr(line, '\n');
@@ -259,7 +260,6 @@ int config_read(const char* path, std::string& error) {
         line[m[2].rm_eo] = '\0';
         rc = apply(line + m[1].rm_so, line + m[2].rm_so, error);
     }
-    std::fclose(f);
     return rc;
 }
 

@@ -1,9 +1,9 @@
-// Owners for descriptors and directory streams, so that every early return
+// Owners for descriptors and stdio streams, so that every early return
 // closes what was opened.
 #pragma once
 
-#include <dirent.h>
-
+#include <cstdio>
+#include <memory>
 #include <utility>
 
 #include "util/io.h"
@@ -39,29 +39,10 @@ private:
     int fd_ = -1;
 };
 
-// Owns one DIR* from opendir/fdopendir.
-class UniqueDir {
-public:
-    UniqueDir() = default;
-    explicit UniqueDir(DIR* d) : d_(d) {}
-    ~UniqueDir() { reset(); }
-    UniqueDir(UniqueDir&& o) noexcept : d_(std::exchange(o.d_, nullptr)) {}
-    UniqueDir& operator=(UniqueDir&& o) noexcept {
-        if (this != &o) reset(std::exchange(o.d_, nullptr));
-        return *this;
-    }
-    UniqueDir(const UniqueDir&) = delete;
-    UniqueDir& operator=(const UniqueDir&) = delete;
-
-    DIR* get() const { return d_; }
-    explicit operator bool() const { return d_ != nullptr; }
-    void reset(DIR* d = nullptr) {
-        if (d_ != nullptr) ::closedir(d_);
-        d_ = d;
-    }
-
-private:
-    DIR* d_ = nullptr;
+// Owns one FILE* from fopen; closes it on every path out.
+struct FileCloser {
+    void operator()(FILE* fp) const { std::fclose(fp); }
 };
+using UniqueFile = std::unique_ptr<FILE, FileCloser>;
 
 }  // namespace corvald
