@@ -25,7 +25,7 @@
 #include <string>
 #include <vector>
 
-#include "daemon/config.h"
+#include "base/config.h"
 #include "store/attr.h"
 #include "store/lock.h"
 

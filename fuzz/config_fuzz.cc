@@ -7,8 +7,8 @@
 #include <cstdio>
 #include <string>
 
-#include "daemon/config.h"
-#include "daemon/config_internal.h"
+#include "base/config.h"
+#include "base/config_internal.h"
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     static std::string path = [] {

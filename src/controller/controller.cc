@@ -15,10 +15,10 @@
 #include <ctime>
 #include <memory>
 
+#include "base/config.h"
+#include "base/log.h"
 #include "controller/controller_internal.h"
 #include "controller/stats.h"
-#include "daemon/config.h"
-#include "daemon/log.h"
 #include "net/socket.h"
 #include "util/io.h"
 #include "util/unique_fd.h"

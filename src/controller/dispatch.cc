@@ -6,9 +6,9 @@
 #include <cerrno>
 #include <cstring>
 
+#include "base/log.h"
 #include "controller/controller_internal.h"
 #include "controller/stats.h"
-#include "daemon/log.h"
 #include "net/datagram.h"
 #include "net/netlib.h"
 

@@ -8,10 +8,10 @@
 #include <cstring>
 #include <memory>
 
+#include "base/config.h"
+#include "base/log.h"
+#include "base/unique_file.h"
 #include "controller/controller_internal.h"
-#include "daemon/config.h"
-#include "daemon/log.h"
-#include "util/unique_fd.h"
 
 namespace corvald {
 

@@ -8,7 +8,7 @@
 #include <cstdio>
 #include <cstring>
 
-#include "daemon/log.h"
+#include "base/log.h"
 
 namespace corvald {
 

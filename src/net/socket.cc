@@ -10,8 +10,9 @@
 #include <cstring>
 #include <string>
 
-#include "daemon/config.h"
-#include "daemon/log.h"
+#include "base/config.h"
+#include "base/log.h"
+#include "net/netlib.h"
 #include "util/unique_fd.h"
 
 namespace corvald {
@@ -150,6 +151,19 @@ int join_mcast_groups(int so, const struct sockaddr_in* if_addr, const HostList&
 
 const HostList& destination_list(const HostList& unicast_hosts, const HostList& multicast_groups) {
     return cfg_unicast_mode != 0 ? unicast_hosts : multicast_groups;
+}
+
+int HostInit(Host* host, const char* text, int port) {
+    *host = Host{};
+    size_t len = ::strnlen(text, sizeof host->ipaddr);
+    if (len >= sizeof host->ipaddr) return -1;
+    Host h;
+    std::memcpy(h.ipaddr, text, len);
+    h.sa.sin_family = AF_INET;
+    if (::inet_aton(h.ipaddr, &h.sa.sin_addr) == 0) return -2;
+    h.sa.sin_port = htons(static_cast<uint16_t>(port));
+    *host = h;
+    return 0;
 }
 
 }  // namespace corvald

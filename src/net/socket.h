@@ -5,7 +5,7 @@
 
 #include <netinet/in.h>
 
-#include "store/object.h"
+#include "net/host.h"
 
 namespace corvald {
 

@@ -12,7 +12,7 @@
 #include <cstring>
 #include <memory>
 
-#include "daemon/log.h"
+#include "base/log.h"
 #include "util/io.h"
 #include "util/unique_fd.h"
 

@@ -9,8 +9,8 @@
 #include <cstdio>
 #include <cstring>
 
-#include "daemon/config.h"
-#include "daemon/log.h"
+#include "base/config.h"
+#include "base/log.h"
 #include "net/netlib.h"
 #include "store/attr.h"
 #include "store/object.h"

@@ -8,7 +8,7 @@
 #include <cstdio>
 #include <cstring>
 
-#include "daemon/log.h"
+#include "base/log.h"
 
 namespace corvald {
 
@@ -32,19 +32,6 @@ void decimal_text(char (&out)[16], uint32_t value) {
 void NodeInit(Node* node, uint32_t nodeid) {
     node->nodeid = nodeid;
     decimal_text(node->nodeuuid, nodeid);
-}
-
-int HostInit(Host* host, const char* text, int port) {
-    *host = Host{};
-    size_t len = ::strnlen(text, sizeof host->ipaddr);
-    if (len >= sizeof host->ipaddr) return -1;
-    Host h;
-    std::memcpy(h.ipaddr, text, len);
-    h.sa.sin_family = AF_INET;
-    if (::inet_aton(h.ipaddr, &h.sa.sin_addr) == 0) return -2;
-    h.sa.sin_port = htons(static_cast<uint16_t>(port));
-    *host = h;
-    return 0;
 }
 
 void MemberInit(Member* member, const MemberEntry* mbe) {

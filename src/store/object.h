@@ -1,7 +1,8 @@
 // The daemon's working objects: local storage nodes, the VDisks announced or
 // loaded for a node with their members and frontends, and the datagram
 // destinations. Node, VDisk, Member and Frontend begin with their wire
-// records, so a datagram is built by copying those records whole.
+// records, so a datagram is built by copying those records whole. (The
+// datagram destinations, Host, live in net/host.h.)
 //
 // Containers own their elements: clearing a list or a tree frees what it
 // holds, and a Node's tree frees its VDisks with their members and frontends.
@@ -20,15 +21,10 @@
 #include <vector>
 
 #include "net/datagram.h"
+#include "net/host.h"
 #include "net/netlib.h"
 
 namespace corvald {
-
-// A datagram destination: a unicast host or a multicast group.
-struct Host {
-    char ipaddr[16] = {};     // dotted text, at most 15 characters
-    struct sockaddr_in sa = {};  // IPv4, the address of ipaddr, port in network order
-};
 
 // One member node of a VDisk.
 struct Member {
@@ -42,7 +38,6 @@ struct Frontend {
     char ipaddr[16] = {};  // fee.node as dotted text
 };
 
-using HostList = std::vector<Host>;
 using MemberList = std::vector<Member>;
 using FrontendList = std::vector<Frontend>;
 
@@ -75,12 +70,6 @@ using NodeList = std::vector<std::unique_ptr<Node>>;
 
 // Sets nodeid and its "%u" text.
 void NodeInit(Node* node, uint32_t nodeid);
-
-// Fills host from dotted text at port (host order): 0; -1 when the text is
-// longer than 15 characters; -2 when inet_aton refuses it (it also takes
-// short forms such as 224.1). Silent: the caller names the failure. On
-// failure host is left zeroed.
-int HostInit(Host* host, const char* text, int port);
 
 // Copies mbe's node (if mbe is given) and writes the node as "%u" into uuid.
 void MemberInit(Member* member, const MemberEntry* mbe);

@@ -11,7 +11,7 @@
 #include <cerrno>
 #include <cstring>
 
-#include "daemon/log.h"
+#include "base/log.h"
 
 namespace corvald {
 

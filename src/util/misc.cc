@@ -10,7 +10,7 @@
 #include <cstring>
 #include <ctime>
 
-#include "daemon/log.h"
+#include "base/log.h"
 
 namespace corvald {
 

@@ -1,9 +1,7 @@
-// Owners for descriptors and stdio streams, so that every early return
-// closes what was opened.
+// Owner for descriptors, so that every early return closes what was opened
+// (stdio streams: base/unique_file.h).
 #pragma once
 
-#include <cstdio>
-#include <memory>
 #include <utility>
 
 #include "util/io.h"
@@ -38,11 +36,5 @@ public:
 private:
     int fd_ = -1;
 };
-
-// Owns one FILE* from fopen; closes it on every path out.
-struct FileCloser {
-    void operator()(FILE* fp) const { std::fclose(fp); }
-};
-using UniqueFile = std::unique_ptr<FILE, FileCloser>;
 
 }  // namespace corvald

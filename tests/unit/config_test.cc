@@ -3,8 +3,8 @@
 #include <cstdint>
 #include <string>
 
-#include "daemon/config.h"
-#include "daemon/config_internal.h"
+#include "base/config.h"
+#include "base/config_internal.h"
 #include "support/temp_dir.h"
 
 namespace corvald {

@@ -17,7 +17,7 @@
 
 #include <gtest/gtest.h>
 
-#include "daemon/config.h"
+#include "base/config.h"
 #include "store/object.h"
 #include "support/log_capture.h"
 #include "support/signals.h"

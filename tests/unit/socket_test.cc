@@ -12,7 +12,7 @@
 #include <string>
 #include <vector>
 
-#include "daemon/config.h"
+#include "base/config.h"
 #include "support/log_capture.h"
 #include "util/unique_fd.h"
 

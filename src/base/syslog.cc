@@ -1,10 +1,10 @@
-#include "daemon/syslog.h"
+#include "base/syslog.h"
 
 #include <syslog.h>
 
 #include <cassert>
 
-#include "daemon/config.h"
+#include "base/config.h"
 
 namespace corvald {
 

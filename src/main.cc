@@ -8,10 +8,10 @@
 #include <cstring>
 #include <fcntl.h>
 
+#include "base/config.h"
+#include "base/log.h"
+#include "base/syslog.h"
 #include "controller/controller.h"
-#include "daemon/config.h"
-#include "daemon/log.h"
-#include "daemon/syslog.h"
 #include "util/io.h"
 
 using namespace corvald;

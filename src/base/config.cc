@@ -4,7 +4,7 @@
 #define SYSLOG_NAMES
 #include <syslog.h>
 
-#include "daemon/config.h"
+#include "base/config.h"
 
 #include <regex.h>
 #include <strings.h>
@@ -17,9 +17,9 @@
 #include <cstdlib>
 #include <cstring>
 
-#include "daemon/config_internal.h"
-#include "daemon/syslog.h"
-#include "util/unique_fd.h"
+#include "base/config_internal.h"
+#include "base/syslog.h"
+#include "base/unique_file.h"
 
 namespace corvald {
 
