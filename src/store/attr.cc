@@ -278,6 +278,45 @@ int RecordDir::load_text(const char* key, char* dst, size_t dst_len, TextTrace t
     return rc;
 }
 
+int RecordDir::store_fields(std::span<const AttrField> table, const void* rec) {
+    const auto* base = static_cast<const char*>(rec);
+    for (const AttrField& f : table) {
+        const char* field = base + f.offset;
+        int rc;
+        if (f.kind == AttrKind::kText) {
+            rc = store(f.key, "%.*s", static_cast<int>(f.width), field);
+        } else {
+            // Little-endian wire fields: the low bytes of a zeroed 64-bit
+            // number take the field as it is.
+            unsigned long long v = 0;
+            std::memcpy(&v, field, f.width);
+            rc = f.width == 8 ? store(f.key, "%llu", v) : store(f.key, "%u", static_cast<unsigned>(v));
+        }
+        if (rc < 0) return -1;
+    }
+    return 0;
+}
+
+int RecordDir::load_fields(std::span<const AttrField> table, void* rec) {
+    auto* base = static_cast<char*>(rec);
+    for (const AttrField& f : table) {
+        char* field = base + f.offset;
+        if (f.kind == AttrKind::kText) {
+            if (load_text(f.key, field, f.width) < 0) return -1;
+        } else if (f.width == 8) {
+            unsigned long long v;
+            if (load_u64(f.key, &v) < 0) return -1;
+            std::memcpy(field, &v, sizeof v);
+        } else {
+            // Read as 32 bits and narrowed to the field: its low bytes.
+            uint32_t v;
+            if (load_u32(f.key, &v) < 0) return -1;
+            std::memcpy(field, &v, f.width);
+        }
+    }
+    return 0;
+}
+
 int RecordDir::mkdir(const char* name) {
     assert(fd_ >= 0);
     CV_DEBUG_AS(op_, "%s/%s [MKDIR]", path_, name);

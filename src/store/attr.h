@@ -9,6 +9,9 @@
 
 #include <cstddef>
 #include <cstdint>
+#include <span>
+#include <type_traits>
+#include <utility>
 
 namespace corvald {
 
@@ -59,6 +62,45 @@ enum class TextTrace {
     kNone,        // the caller parses the text and traces it itself
 };
 
+// One attribute of a record table: the attribute file's key and the wire
+// record field it holds, by offset and width. A table lists a record's
+// attributes in the order an operation writes or reads them, so one table
+// serves the writer, the loader and both their traces.
+enum class AttrKind : uint8_t {
+    kNumber,  // unsigned field of 1, 2, 4 ("%u") or 8 ("%llu") bytes
+    kText,    // fixed-width text ("%.*s" with the width; loaded with StringLoad)
+};
+struct AttrField {
+    const char* key;
+    AttrKind kind;
+    size_t offset;  // of the field in its wire record
+    size_t width;   // the field's size in bytes
+};
+
+template <class T>
+constexpr AttrKind attr_kind_of() {
+    if constexpr (std::is_array_v<T>) {
+        static_assert(std::is_same_v<std::remove_extent_t<T>, char>, "text fields are char arrays");
+        return AttrKind::kText;
+    } else {
+        static_assert(std::is_unsigned_v<T> && sizeof(T) <= 8, "numbers are unsigned wire fields");
+        return AttrKind::kNumber;
+    }
+}
+
+}  // namespace corvald
+
+// The table entry of field (a member designator such as revision.freespace)
+// of the wire record Rec, stored under key.
+#define CV_ATTR(key, Rec, field)                                                              \
+    ::corvald::AttrField {                                                                    \
+        key,                                                                                  \
+            ::corvald::attr_kind_of<std::remove_cvref_t<decltype(std::declval<Rec&>().field)>>(), \
+            offsetof(Rec, field), sizeof(std::declval<Rec&>().field)                          \
+    }
+
+namespace corvald {
+
 // One record directory opened for one operation: its descriptor, the path
 // shown in trace and failure lines, and the operation whose name those lines
 // carry. Closed when the owner goes away; when a batch was begun it is first
@@ -98,6 +140,15 @@ public:
     // StringLoad of key into dst (dst_len), traced as asked; the length, or
     // -1 after the load-failure report.
     int load_text(const char* key, char* dst, size_t dst_len, TextTrace trace = TextTrace::kWithLength);
+    // Writes every field of table from the wire record rec, in table order,
+    // each with store()'s trace; 0, or -1 at the first failed write.
+    int store_fields(std::span<const AttrField> table, const void* rec);
+    // Loads every field of table into the wire record rec, in table order:
+    // numbers with load_u32 (narrowed to the field's width) or load_u64,
+    // texts with load_text traced with their length. 0, or -1 after the
+    // load-failure report of the first key that fails (fields before it
+    // stay filled).
+    int load_fields(std::span<const AttrField> table, void* rec);
     // Makes the subdirectory name (0777) after "<path>/<name> [MKDIR]"; an
     // existing one counts as made. 0, or -1 after "mkdir(<path>/<name>): ...".
     int mkdir(const char* name);
