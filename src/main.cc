@@ -73,6 +73,18 @@ int main(int argc, char** argv) {
         std::fprintf(stderr, "error: chdir(%s): %s\n", workdir, std::strerror(errno));
         return 1;
     }
+    // Store paths begin with the root's text, and the process now runs inside
+    // the root: a relative root would be looked up again from inside itself.
+    // So a relative root is replaced by the directory just entered.
+    if (workdir[0] != '/') {
+        char* cwd = ::getcwd(nullptr, 0);
+        if (cwd == nullptr) {
+            std::fprintf(stderr, "error: getcwd(): %s\n", std::strerror(errno));
+            return 1;
+        }
+        cfg_work_directory = cwd;
+        std::free(cwd);
+    }
     if (opt_debug == 0 && ::daemon(1, 0) < 0) {
         std::fprintf(stderr, "error: daemon(): %s\n", std::strerror(errno));
         return 1;

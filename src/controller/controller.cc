@@ -188,18 +188,17 @@ void reload_lists() {
 // clock after its task ran, so a period is the interval plus the task's run
 // time.
 void run_periodic_tasks(LoopRun* lp) {
-    (void)lp;  // the senders build their datagrams in lp->buf and send on lp->so
     if (due(stats_ts, cfg_stats_interval)) {
         stats();
         stats_ts = std::time(nullptr);
     }
     if (force_pings || due(ping_ts, cfg_ping_interval)) {
         force_pings = 0;
-        // send_pings(lp->buf.get(), lp->buflen, lp->so.get()) goes here.
+        send_pings(lp->buf.get(), lp->buflen, lp->so.get());
         ping_ts = std::time(nullptr);
     }
     if (due(heartbeat_ts, cfg_heartbeat_interval)) {
-        // send_heartbeats(lp->buf.get(), lp->buflen, lp->so.get()) goes here.
+        send_heartbeats(lp->buf.get(), lp->buflen, lp->so.get());
         heartbeat_ts = std::time(nullptr);
     }
     if (due(json_ping_ts, cfg_json_ping_interval)) {

@@ -34,6 +34,30 @@ void dump_unicast_hosts();
 // when the receive call failed (the loop ends).
 int receive_datagram(char* buf, size_t buflen, int so);
 
+// Announcements (announce.cc). Every builder clears the whole buffer, writes
+// its datagram at the start and stores its length in *msglen; 0, or -1 when
+// the datagram does not fit buflen (the caller reports it).
+
+// Clears what an announcement of the node reloads (hdr, dse, aux, dsuuid,
+// the VDisk tree); nodeid and nodeuuid stay.
+void prepare_local_node(Node* node);
+// DS_PING: the header, and the data store entry when dsuuid is set.
+int build_ds_ping(const Node* node, char* buf, size_t buflen, size_t* msglen);
+// AUX_PING: the header, a zero byte and the capacity record.
+int build_aux_ping(const Node* node, char* buf, size_t buflen, size_t* msglen);
+// PING: the header and a block per VDisk, plain ones before snapshots.
+int build_vdisk_ping(const Node* node, char* buf, size_t buflen, size_t* msglen);
+// HEARTBEAT: the header alone.
+int build_heartbeat(const Node* node, char* buf, size_t buflen, size_t* msglen);
+// Sends the first msglen bytes of buf to every destination in force and
+// raises ALL and idx (1..7) per destination reached. 0 when every
+// destination took the whole datagram (also for none), -1 otherwise.
+int xmit_msg(const char* buf, size_t msglen, int so, int idx);
+// The DS_PING, AUX_PING and PING of every local node, reloaded from the store.
+void send_pings(char* buf, size_t buflen, int so);
+// The HEARTBEAT of every local node.
+void send_heartbeats(char* buf, size_t buflen, int so);
+
 // Whether the loop's select set can watch fd. A descriptor at or above
 // FD_SETSIZE cannot be put into an fd_set without writing past it, so the
 // loop refuses it: start-up fails, and an accepted control connection must

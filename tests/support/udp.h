@@ -2,7 +2,9 @@
 #pragma once
 
 #include <cstddef>
+#include <chrono>
 #include <cstdint>
+#include <optional>
 #include <string>
 
 namespace corvald::test {
@@ -13,5 +15,22 @@ bool send_datagram(const std::string& bytes, int port, const char* from = "127.0
 
 // len zero bytes (len >= 3) but for the header's type byte at offset 2.
 std::string datagram_of_type(uint8_t type, size_t len = 207);
+
+// A socket that receives what a daemon sends to addr:port. Bound with
+// SO_REUSEADDR beside the daemon's own socket on the same port (any
+// address): the kernel hands a datagram to the most specific binding.
+class UdpSink {
+public:
+    UdpSink(const char* addr, int port);
+    ~UdpSink();
+    UdpSink(const UdpSink&) = delete;
+    UdpSink& operator=(const UdpSink&) = delete;
+    bool ok() const { return so_ >= 0; }
+    // The next datagram, or nullopt when none came within timeout.
+    std::optional<std::string> next(std::chrono::milliseconds timeout = std::chrono::seconds(20));
+
+private:
+    int so_ = -1;
+};
 
 }  // namespace corvald::test

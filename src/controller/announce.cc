@@ -1,0 +1,250 @@
+// The sending half of the protocol for the daemon's own nodes: the ping
+// cycle (DS_PING, AUX_PING and PING of every local node), the heartbeats,
+// their builders and xmit_msg, the one way a datagram leaves the daemon.
+//
+// Every announcement is built afresh from the store: a node is reloaded
+// under its locks for each one, and the locks are held only around the
+// loads, never while a datagram is built or sent.
+#include <arpa/inet.h>
+#include <sys/socket.h>
+
+#include <cerrno>
+#include <cstring>
+
+#include "base/log.h"
+#include "controller/controller_internal.h"
+#include "controller/stats.h"
+#include "net/datagram.h"
+#include "net/netlib.h"
+#include "net/socket.h"
+#include "store/datastore.h"
+#include "store/lock.h"
+#include "store/node.h"
+#include "store/vdisk.h"
+
+namespace corvald {
+
+namespace {
+
+constexpr const char* kSendPings = "send_pings";
+
+// Clears the whole buffer and starts a datagram with the node's header
+// under the given type; false when not even the header fits.
+bool put_header(DatagramWriter* w, char* buf, size_t buflen, const Node* node, uint8_t type) {
+    std::memset(buf, 0, buflen);
+    Hdr hdr = node->hdr;
+    hdr.type = type;
+    return w->put(hdr);
+}
+
+// Appends the blocks of the VDisks whose snapshot flag matches: the entry,
+// then its members and frontends in list order. False when one does not fit.
+bool put_vdisk_blocks(DatagramWriter* w, const VDiskTree& vdisks, bool snapshots) {
+    const char* kind = snapshots ? "Snapshot" : "Plain";
+    for (const auto& [uuid, vd] : vdisks) {
+        if ((vd->vde.snapshot != 0) != snapshots) continue;
+        if (!w->put(vd->vde)) return false;
+        CV_DEBUG_AS("build_vdisk_ping", "APPEND %s VDisk entry %zu bytes", kind, sizeof(VDiskEntry));
+        for (const Member& m : vd->members) {
+            if (!w->put(m.mbe)) return false;
+            CV_DEBUG_AS("build_vdisk_ping", "APPEND %s Member entry %zu bytes", kind,
+                        sizeof(MemberEntry));
+        }
+        for (const Frontend& f : vd->frontends) {
+            if (!w->put(f.fee)) return false;
+            CV_DEBUG_AS("build_vdisk_ping", "APPEND %s Frontend entry %zu bytes", kind,
+                        sizeof(FrontendEntry));
+        }
+    }
+    return true;
+}
+
+// Loads the node's header, data store uuid and VDisk names under its node
+// lock. 0; -1 when the node cannot be locked or loaded (the store code has
+// said why); *ds_rc is NodeLoad_DSMember's result.
+int load_node_for_pings(Node* node, int* ds_rc) {
+    HeldLock lock;
+    if (lock.take(NodeLockName(node->nodeid)) < 0) return -1;
+    if (NodeLoad(node) < 0) return -1;
+    *ds_rc = NodeLoad_DSMember(node->nodeuuid, node->dsuuid, sizeof node->dsuuid);
+    if (NodeLoad_VDisks(node->nodeid, &node->vdisks) < 0) return -1;
+    return 0;
+}
+
+// The data store entry under its lock; 0 or -1.
+int load_datastore(Node* node) {
+    HeldLock lock;
+    if (lock.take(DatastoreLockNameStr(node->dsuuid)) < 0) return -1;
+    return DatastoreLoad(node->dsuuid, &node->dse);
+}
+
+// Every VDisk of the node's tree, each under its own lock; false at the
+// first that cannot be locked or loaded, whose uuid is then in *failed.
+bool load_vdisks(Node* node, const char** failed) {
+    for (auto& [uuid, vd] : node->vdisks) {
+        HeldLock lock;
+        if (lock.take(VDiskLockName(vd->vdiskuuid)) < 0 || VDiskLoad(node, vd.get()) < 0) {
+            *failed = vd->vdiskuuid;
+            return false;
+        }
+    }
+    return true;
+}
+
+// The three announcements of one local node, in the order DS_PING, AUX_PING,
+// PING. Every line names send_pings.
+void announce_node(Node* node, char* buf, size_t buflen, int so) {
+    prepare_local_node(node);
+    int ds_rc = 0;
+    if (load_node_for_pings(node, &ds_rc) < 0) return;
+
+    // A refused datastoremember (ds_rc -2) skips the DS_PING like a data
+    // store that cannot be loaded: an empty DS_PING would tell every peer
+    // that the node left its data store.
+    bool send_ds = ds_rc != -2;
+    if (node->dsuuid[0] != '\0') {
+        send_ds = load_datastore(node) == 0;
+    } else if (send_ds && !node->vdisks.empty()) {
+        CV_ERROR_AS(kSendPings, "Local node %s not part of any data store but references vdisks!?",
+                    node->nodeuuid);
+    }
+
+    size_t len = 0;
+    if (send_ds) {
+        if (build_ds_ping(node, buf, buflen, &len) < 0) {
+            CV_ERROR_AS(kSendPings, "Oversized DS_PING from Node %s Datastore %s", node->nodeuuid,
+                        node->dsuuid);
+            return;
+        }
+        CV_INFO_AS(kSendPings, "Send DS_PING %zuB from Node %s Datastore %s", len, node->nodeuuid,
+                   node->dsuuid);
+        xmit_msg(buf, len, so, counter::DS_PING);
+    }
+
+    if (build_aux_ping(node, buf, buflen, &len) < 0) {
+        CV_ERROR_AS(kSendPings, "Oversized AUX_PING from Node %s", node->nodeuuid);
+    } else {
+        CV_INFO_AS(kSendPings, "Send AUX_PING %zuB from Node %s", len, node->nodeuuid);
+        xmit_msg(buf, len, so, counter::AUX_PING);
+    }
+
+    const char* failed = nullptr;
+    if (!load_vdisks(node, &failed)) {
+        CV_ERROR_AS(kSendPings, "PING from Node %s not sent due to VDisk %s error", node->nodeuuid,
+                    failed);
+        return;
+    }
+    if (build_vdisk_ping(node, buf, buflen, &len) < 0) {
+        CV_ERROR_AS(kSendPings, "Oversized PING from Node %s", node->nodeuuid);
+        return;
+    }
+    CV_INFO_AS(kSendPings, "Send PING %zuB from Node %s", len, node->nodeuuid);
+    xmit_msg(buf, len, so, counter::PING);
+}
+
+}  // namespace
+
+void prepare_local_node(Node* node) {
+    node->hdr = Hdr{};
+    node->dse = DatastoreEntry{};
+    node->aux = AuxPingData{};
+    std::memset(node->dsuuid, 0, sizeof node->dsuuid);
+    VDiskTreeFlush(&node->vdisks);
+}
+
+int build_ds_ping(const Node* node, char* buf, size_t buflen, size_t* msglen) {
+    DatagramWriter w(buf, buflen);
+    if (!put_header(&w, buf, buflen, node, msg::DS_PING)) return -1;
+    CV_DEBUG("APPEND Datastore Ping header %zu bytes", sizeof(Hdr));
+    if (node->dsuuid[0] != '\0') {
+        if (!w.put(node->dse)) return -1;
+        CV_DEBUG("APPEND Datastore Ping entry %zu bytes", sizeof(DatastoreEntry));
+    }
+    *msglen = w.length();
+    return 0;
+}
+
+int build_aux_ping(const Node* node, char* buf, size_t buflen, size_t* msglen) {
+    DatagramWriter w(buf, buflen);
+    if (!put_header(&w, buf, buflen, node, msg::AUX_PING)) return -1;
+    // The capacity record follows one zero byte behind the header.
+    CV_DEBUG("APPEND Node Ping header %zu bytes", AUX_PING_DATA_OFFSET);
+    AuxPingData aux = node->aux;
+    aux.length = sizeof(AuxPingData);
+    if (!w.put_zeros(1) || !w.put(aux)) return -1;
+    CV_DEBUG("APPEND Node Ping data %zu bytes", sizeof(AuxPingData));
+    *msglen = w.length();
+    return 0;
+}
+
+int build_vdisk_ping(const Node* node, char* buf, size_t buflen, size_t* msglen) {
+    DatagramWriter w(buf, buflen);
+    if (!put_header(&w, buf, buflen, node, msg::PING)) return -1;
+    CV_DEBUG("APPEND VDisk Ping header %zu bytes", sizeof(Hdr));
+    // Plain VDisks first, then snapshots, each pass in uuid order: a
+    // receiver then meets a parent before its snapshots.
+    if (!put_vdisk_blocks(&w, node->vdisks, false) || !put_vdisk_blocks(&w, node->vdisks, true))
+        return -1;
+    *msglen = w.length();
+    return 0;
+}
+
+int build_heartbeat(const Node* node, char* buf, size_t buflen, size_t* msglen) {
+    DatagramWriter w(buf, buflen);
+    if (!put_header(&w, buf, buflen, node, msg::HEARTBEAT)) return -1;
+    CV_DEBUG("APPEND Node Heartbeat header %zu bytes", sizeof(Hdr));
+    *msglen = w.length();
+    return 0;
+}
+
+int xmit_msg(const char* buf, size_t msglen, int so, int idx) {
+    int result = 0;
+    for (const Host& h : destination_list(unicast_hosts, multicast_groups)) {
+        const unsigned port = ntohs(h.sa.sin_port);
+        ssize_t sent;
+        do {
+            sent = ::sendto(so, buf, msglen, 0, reinterpret_cast<const struct sockaddr*>(&h.sa),
+                            sizeof h.sa);
+        } while (sent < 0 && errno == EINTR);
+        // A failed destination is reported and skipped, never retried: the
+        // next cycle sends afresh.
+        if (sent < 0) {
+            CV_ERROR("sendto(%s:%u, %zu): %s", h.ipaddr, port, msglen, std::strerror(errno));
+            result = -1;
+            continue;
+        }
+        if (static_cast<size_t>(sent) != msglen) {
+            CV_ERROR("sendto(%s:%u, %zu): %zd", h.ipaddr, port, msglen, sent);
+            result = -1;
+            continue;
+        }
+        CV_DEBUG("sendto(%s:%u, %zu): %zd", h.ipaddr, port, msglen, sent);
+        stats_tx_raise(counter::ALL);
+        if (idx >= 1 && idx < counter::TX_COUNT) stats_tx_raise(idx);
+    }
+    return result;
+}
+
+void send_pings(char* buf, size_t buflen, int so) {
+    for (auto& node : local_nodes) announce_node(node.get(), buf, buflen, so);
+}
+
+void send_heartbeats(char* buf, size_t buflen, int so) {
+    for (auto& np : local_nodes) {
+        Node* node = np.get();
+        prepare_local_node(node);
+        {
+            HeldLock lock;
+            if (lock.take(NodeLockName(node->nodeid)) < 0 || NodeLoad(node) < 0) continue;
+        }
+        size_t len = 0;
+        if (build_heartbeat(node, buf, buflen, &len) < 0) {
+            CV_ERROR("Oversized HEARTBEAT from Node %s", node->nodeuuid);
+            continue;
+        }
+        CV_INFO("Send HEARTBEAT %zuB from Node %s", len, node->nodeuuid);
+        xmit_msg(buf, len, so, counter::HEARTBEAT);
+    }
+}
+
+}  // namespace corvald
