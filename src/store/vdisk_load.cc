@@ -165,7 +165,8 @@ int VDiskLoad(const Node* node, VDisk* vdisk) {
     VDiskEntry& vde = vdisk->vde;
     vde = {};
     RecordDir rec(__func__);
-    // Only a very long store root makes the path too long; nothing is read.
+    // Only a store root close to the path limit makes this too long. Like
+    // every store path that cannot be built, it fails without a line.
     if (rec.set_path("%s/VDisk/%s", cfg_work_directory.c_str(), vdisk->vdiskuuid) < 0) return -1;
     TraceOpen(__func__, rec.path());
     if (rec.open() < 0) return -1;
@@ -222,6 +223,8 @@ int FrontendsLoad(FrontendList* frontends, int* frontends_count, const char* vdi
     int count = 0;
     char* pos = text.get();
     char* end = pos + n;
+    // Worded as the membership file's line, with the path of the member
+    // record's file, so both list files report alike.
     if (n > 0 && end[-1] != '\n') {
         CV_ERROR("Malformed file %s/memberinfo/%s/frontend", vdiskpath, nodeuuid);
         return -1;
