@@ -58,12 +58,9 @@ int DatastoreCreate(const Hdr* hdr, const DatastoreEntry* dse) {
     // A prefix of the record path, so it fits as well.
     char top[kStorePathMax + 1];
     std::snprintf(top, sizeof top, "%s/Datastore", root);
-    if (StoreMkdir(__func__, top) < 0 || StoreMkdir(__func__, dir.path()) < 0)
-        return -1;
-    if (dir.open() < 0)
-        return -1;
     // From here on every way out flushes the record directory once.
-    dir.begin_batch();
+    if (dir.create(top) < 0)
+        return -1;
     if (dir.store_fields(kDatastoreAttrs, dse) < 0 || dir.mkdir("vdisks") < 0 ||
         dir.mkdir("members") < 0) {
         return -1;

@@ -116,13 +116,8 @@ int NodeCreate(const Hdr* hdr, const char* ipaddr) {
     // A prefix of the record path, so it fits as well.
     char top[kStorePathMax + 1];
     std::snprintf(top, sizeof top, "%s/Node", root);
-    if (StoreMkdir(__func__, top) < 0 || StoreMkdir(__func__, dir.path()) < 0)
-        return -1;
-    if (dir.open() < 0)
-        return -1;
     // From here on every way out flushes the directory once.
-    dir.begin_batch();
-    if (dir.mkdir("vdisks") < 0)
+    if (dir.create(top) < 0 || dir.mkdir("vdisks") < 0)
         return -1;
 
     if (dir.store("version", "v%u.%u", unsigned{hdr->major}, unsigned{hdr->minor}) < 0 ||

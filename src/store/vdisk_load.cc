@@ -27,10 +27,6 @@ namespace corvald {
 
 namespace {
 
-struct FreeDeleter {
-    void operator()(char* p) const { std::free(p); }
-};
-using FileText = std::unique_ptr<char, FreeDeleter>;
 
 // The entry counts its members and frontends in 16 bits. A longer list
 // would be announced with a count that disagrees with the records behind
@@ -39,7 +35,7 @@ constexpr int kListMax = UINT16_MAX;
 
 // Reads the list file key of dirfd whole into *text (left empty for an
 // empty file); the byte count, or -1 after the helpers' messages.
-ssize_t load_list(int dirfd, const char* key, FileText* text) {
+ssize_t load_list(int dirfd, const char* key, UniqueChars* text) {
     UniqueFd fd(fd_openat(dirfd, key, O_RDONLY, 0));
     if (!fd) return -1;
     char* buf = nullptr;
@@ -185,7 +181,7 @@ int VDiskLoad(const Node* node, VDisk* vdisk) {
 
 int MembershipLoad(MemberList* members, int* members_count, const char* vdiskpath, int vdiskfd) {
     assert(members->empty());
-    FileText text;
+    UniqueChars text;
     ssize_t n = load_list(vdiskfd, "membership", &text);
     if (n < 0) return -1;
     int count = 0;
@@ -217,7 +213,7 @@ int MembershipLoad(MemberList* members, int* members_count, const char* vdiskpat
 int FrontendsLoad(FrontendList* frontends, int* frontends_count, const char* vdiskpath,
                   const char* nodeuuid, int mbfd) {
     assert(frontends->empty());
-    FileText text;
+    UniqueChars text;
     ssize_t n = load_list(mbfd, "frontend", &text);
     if (n < 0) return -1;
     int count = 0;
