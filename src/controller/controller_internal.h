@@ -4,6 +4,7 @@
 // src/controller/.
 #pragma once
 
+#include <netinet/in.h>
 #include <sys/select.h>
 
 #include <cstddef>
@@ -33,6 +34,9 @@ void dump_unicast_hosts();
 // connections), 1 when it was dropped before dispatch (the turn ends), -1
 // when the receive call failed (the loop ends).
 int receive_datagram(char* buf, size_t buflen, int so);
+// The checks, count and dispatch of one datagram of len bytes from *from:
+// 0 when handled, 1 when dropped before dispatch. (The fuzz target's way in.)
+int handle_datagram(const char* buf, size_t len, const struct sockaddr_in* from);
 
 // Announcements (announce.cc). Every builder clears the whole buffer, writes
 // its datagram at the start and stores its length in *msglen; 0, or -1 when

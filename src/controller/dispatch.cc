@@ -1,16 +1,25 @@
 // The receive step of the main loop: one datagram per turn, checked, counted
-// and handed to the handler of its type. Its messages carry the loop's name.
+// and handed to the handler of its type, which turns it into changes of the
+// store. Its messages carry the loop's name. Nothing survives a datagram but
+// the store and the counters.
 #include <arpa/inet.h>
 #include <sys/socket.h>
 
 #include <cerrno>
+#include <cstdio>
 #include <cstring>
+#include <memory>
 
 #include "base/log.h"
 #include "controller/controller_internal.h"
 #include "controller/stats.h"
 #include "net/datagram.h"
 #include "net/netlib.h"
+#include "store/datastore.h"
+#include "store/lock.h"
+#include "store/node.h"
+#include "store/object.h"
+#include "store/vdisk.h"
 
 namespace corvald {
 
@@ -27,6 +36,170 @@ struct Received {
     const char* ipaddr;
 };
 
+// Each store call runs under exactly one lock, taken before and released
+// after it; a lock that cannot be had stops the handler (logged by the
+// lock code). These take the lock and run the call; -1 when either fails.
+template <class Op>
+int under_lock(const LockName& ln, Op op) {
+    HeldLock lock;
+    if (lock.take(ln) < 0) return -1;
+    return op();
+}
+
+int node_create(const Received& rx) {
+    return under_lock(NodeLockName(rx.hdr.uid), [&] { return NodeCreate(&rx.hdr, rx.ipaddr); });
+}
+
+// The sender's announcement of its data store, or of having none.
+void handle_ds_ping(const Received& rx) {
+    const Hdr* hdr = &rx.hdr;
+    if (node_create(rx) < 0) return;
+    DatastoreEntry dse;
+    if (rx.rd.read_at(HDR_SIZE, &dse)) {
+        dse_dump(&dse);
+        // The uuid becomes a lock name and a directory that the last
+        // unreference removes recursively: refused before either.
+        if (datastore_uuid_refused(kLoop, dse.uuid, sizeof dse.uuid)) return;
+        if (under_lock(DatastoreLockName(dse.uuid), [&] { return DatastoreCreate(hdr, &dse); }) < 0)
+            return;
+        under_lock(NodeLockName(hdr->uid), [&] { return NodeUpdate_RefDatastore(hdr, &dse); });
+        return;
+    }
+    char nodeuuid[16];
+    std::snprintf(nodeuuid, sizeof nodeuuid, "%u", hdr->uid);
+    char dsuuid[16] = {};
+    // NodeLoad_DSMember refuses a stored uuid that is no plain name (-2).
+    if (under_lock(NodeLockName(hdr->uid), [&] {
+            return NodeLoad_DSMember(nodeuuid, dsuuid, sizeof dsuuid);
+        }) < 0) {
+        return;
+    }
+    if (dsuuid[0] != '\0' && under_lock(DatastoreLockNameStr(dsuuid), [&] {
+                                  return DatastoreUpdate_UnrefNode(dsuuid, nodeuuid);
+                              }) < 0) {
+        return;
+    }
+    under_lock(NodeLockName(hdr->uid), [&] { return NodeUpdate_UnrefDatastore(hdr); });
+}
+
+void handle_aux_ping(const Received& rx) {
+    AuxPingData aux;
+    // The byte between the header and the capacity record is not read.
+    if (!rx.rd.read_at(AUX_PING_DATA_OFFSET, &aux)) {
+        CV_ERROR_AS(kLoop, "Malformed Node Ping?");
+        return;
+    }
+    under_lock(NodeLockName(rx.hdr.uid), [&] {
+        int rc = NodeCreate(&rx.hdr, rx.ipaddr);
+        return rc < 0 ? rc : NodeUpdate_AuxPing(&rx.hdr, &aux);
+    });
+}
+
+void handle_heartbeat(const Received& rx) {
+    under_lock(NodeLockName(rx.hdr.uid), [&] { return NodeUpdate_HEARTBEAT(&rx.hdr); });
+}
+
+// Removes the sender's membership of a VDisk that the store holds; a VDisk
+// that cannot be loaded is left alone.
+void vdisk_gone(const Hdr* hdr, VDisk* vdisk) {
+    under_lock(VDiskLockName(vdisk->vdiskuuid), [&] {
+        int rc = VDiskLoad(nullptr, vdisk);
+        return rc < 0 ? rc : VDiskGone(hdr, vdisk);
+    });
+}
+
+void handle_vdisk_deleted(const Received& rx) {
+    if (node_create(rx) < 0) return;
+    VDiskDeleteEntry vdde;
+    if (!rx.rd.read_at(HDR_SIZE, &vdde)) {
+        CV_ERROR_AS(kLoop, "Malformed packet? #4");
+        return;
+    }
+    const uint32_t uid = rx.hdr.uid;
+    if (vdde.node != uid) {
+        CV_ERROR_AS(kLoop, "HASHREQ_VDISK_DELETED %u != %u, using %u", uid, uint32_t{vdde.node},
+                    uid);
+    }
+    VDisk vdisk;
+    std::memcpy(vdisk.vde.uuid, vdde.uuid, sizeof vdisk.vde.uuid);
+    // A uuid that cannot name a record directory is refused (and logged)
+    // here: the datagram is dropped.
+    if (VDiskInit(&vdisk, nullptr) < 0) return;
+    vdisk_gone(&rx.hdr, &vdisk);
+}
+
+// Stores one announced VDisk under its lock and, for a snapshot outside a
+// transaction, its link in the parent under the parent's lock; 0 or -1.
+int store_entry(const Hdr* hdr, VDisk* vdisk) {
+    if (under_lock(VDiskLockName(vdisk->vdiskuuid), [&] { return VDiskCreate(hdr, vdisk); }) < 0)
+        return -1;
+    if (vdisk->vde.snapshot == 0 || vdisk->vde.transaction_id != 0) return 0;
+    return under_lock(VDiskLockName(vdisk->parentuuid),
+                      [&] { return ParentUpdate_RefSnapshot(vdisk); });
+}
+
+// PING and SINGLE_VDISK_PING: every entry into the store, then, for a whole
+// PING whose every entry was stored, the removal of the VDisks the store
+// still links to the sender but the PING no longer names.
+void handle_vdisk_ping(const Received& rx, bool single) {
+    const Hdr* hdr = &rx.hdr;
+    if (node_create(rx) < 0) return;
+
+    DatagramReader rd = rx.rd;
+    rd.seek(HDR_SIZE);
+    VDiskTree vdt;
+    int errors = 0;
+    // Bytes after the last whole entry are ignored.
+    while (rd.fits(rd.offset(), sizeof(VDiskEntry))) {
+        std::unique_ptr<VDisk> vdisk;
+        int rc = VDiskRead(&rd, &vdisk);
+        if (rc == -2 || rc == -3) {
+            CV_ERROR_AS(kLoop, "Malformed packet? #%d", -rc);
+            ++errors;
+            break;
+        }
+        // A refused uuid (logged by the reader) is an error of its entry;
+        // the reader has skipped the block, so the walk goes on.
+        if (rc < 0 || store_entry(hdr, vdisk.get()) < 0) {
+            ++errors;
+            continue;
+        }
+        // The store changes for a duplicate stay made.
+        if (VDiskTree_RB_INSERT(&vdt, &vdisk) != nullptr) {
+            CV_ERROR_AS(kLoop, "Duplicate VDisk Entry %s", vdisk->vdiskuuid);
+            ++errors;
+        }
+    }
+    // A damaged or partly refused announcement never removes VDisks.
+    if (errors > 0 || single) return;
+
+    VDiskTree oldvdt;
+    if (under_lock(NodeLockName(hdr->uid), [&] { return NodeLoad_VDisks(hdr->uid, &oldvdt); }) < 0)
+        return;
+    for (auto& [uuid, old] : oldvdt) {
+        if (VDiskTree_RB_FIND(&vdt, uuid) != nullptr) continue;
+        CV_NOTICE_AS(kLoop, "Stale VDisk %s of member %u", old->vdiskuuid, hdr->uid);
+        vdisk_gone(hdr, old.get());
+    }
+}
+
+// Validates a JSON ping's record and payload bounds. The record's own
+// length is required whole: its offset field lies in its last bytes, and
+// a shorter datagram would have it read from bytes beyond the received
+// length. A payload offset past the end is "empty payload".
+void handle_json_ping(const Received& rx) {
+    jsonEntry je;
+    if (!rx.rd.read_at(HDR_SIZE, &je)) {
+        CV_ERROR_AS(kLoop, "Malformed JSON ping header");
+        return;
+    }
+    if (je.offset > rx.rd.length() - JSON_TEXT_OFFSET) {
+        CV_ERROR_AS(kLoop, "Malformed JSON ping empty payload");
+        return;
+    }
+    // Handing the document to the JSON store comes with that store.
+}
+
 // Counts the datagram under its type and runs that type's handler. Every
 // known type is counted here, before its payload is looked at, so a
 // datagram its handler later refuses is still in the statistics.
@@ -34,32 +207,32 @@ void dispatch_datagram(const Received& rx) {
     switch (rx.hdr.type) {
         case msg::SINGLE_VDISK_PING:
             stats_rx_raise(counter::SV_PING);
-            // The single VDisk handler goes here.
+            handle_vdisk_ping(rx, true);
             return;
         case msg::VDISK_DELETED:
             stats_rx_raise(counter::VDISK_DEL);
-            // The VDisk deletion handler goes here.
+            handle_vdisk_deleted(rx);
             return;
         case msg::AUX_PING:
             stats_rx_raise(counter::AUX_PING);
-            // The capacity handler goes here.
+            handle_aux_ping(rx);
             return;
         case msg::STORE_JSON:
         case msg::DELETE_JSON:
             stats_rx_raise(counter::ST_JSON);
-            // The JSON ping handler goes here.
+            handle_json_ping(rx);
             return;
         case msg::DS_PING:
             stats_rx_raise(counter::DS_PING);
-            // The data store handler goes here.
+            handle_ds_ping(rx);
             return;
         case msg::HEARTBEAT:
             stats_rx_raise(counter::HEARTBEAT);
-            // The heartbeat handler goes here.
+            handle_heartbeat(rx);
             return;
         case msg::PING:
             stats_rx_raise(counter::PING);
-            // The VDisk announcement handler goes here.
+            handle_vdisk_ping(rx, false);
             return;
         default:
             stats_rx_raise(counter::UNKNOWN);
@@ -89,21 +262,24 @@ int receive_datagram(char* buf, size_t buflen, int so) {
         CV_ERROR_AS(kLoop, "recvfrom(): %s", std::strerror(errno));
         return -1;
     }
+    return handle_datagram(buf, static_cast<size_t>(len), &from);
+}
 
+int handle_datagram(const char* buf, size_t len, const struct sockaddr_in* from) {
     // Only the received length counts: the buffer still holds the bytes of
     // earlier, longer datagrams behind it.
-    const DatagramReader rd(buf, static_cast<size_t>(len));
+    const DatagramReader rd(buf, len);
     Hdr hdr;
     if (!rd.read_at(0, &hdr)) {
         CV_ERROR_AS(kLoop, "Malformed packet? #1");
         return 1;
     }
     char ipaddr[INET_ADDRSTRLEN];
-    if (::inet_ntop(AF_INET, &from.sin_addr, ipaddr, sizeof ipaddr) == nullptr) {
+    if (::inet_ntop(AF_INET, &from->sin_addr, ipaddr, sizeof ipaddr) == nullptr) {
         CV_ERROR_AS(kLoop, "inet_ntop(): %s", std::strerror(errno));
         return 1;
     }
-    CV_DEBUG_AS(kLoop, "recvfrom(%s:%d): %zd", ipaddr, int{ntohs(from.sin_port)}, len);
+    CV_DEBUG_AS(kLoop, "recvfrom(%s:%d): %zu", ipaddr, int{ntohs(from->sin_port)}, len);
     stats_rx_raise(counter::ALL);
     dispatch_datagram(Received{hdr, rd, ipaddr});
     return 0;
