@@ -10,95 +10,33 @@
 #include <vector>
 
 #include "support/daemon.h"
-#include "support/temp_dir.h"
+#include "support/seed_store.h"
 #include "support/udp.h"
+#include "support/wire.h"
 
 namespace corvald::test {
 namespace {
 
-const std::string kPlain = "5f3a9c0e1b2d47";  // the seed's VDisks; the snapshot sorts first
-const std::string kSnap = "0c71e2aa9f3b10";
-
-// Expected datagrams, written from the record layouts (offsets and widths),
-// not from the daemon's structures. Numbers are little-endian.
-struct Golden {
-    std::string b;
-    explicit Golden(size_t n) : b(n, '\0') {}
-    Golden& num(size_t off, uint64_t v, int width) {
-        for (int i = 0; i < width; ++i) b[off + i] = static_cast<char>(v >> (8 * i));
-        return *this;
-    }
-    Golden& text(size_t off, const std::string& s) {
-        b.replace(off, s.size(), s);
-        return *this;
-    }
-};
-
 // The seed's Node/1 header under type (version 1.8 unless minor says else).
 Golden seed_header(size_t len, uint8_t type, uint8_t minor = 8) {
-    Golden g(len);
-    g.num(0, 1, 1).num(1, minor, 1).num(2, type, 1).num(3, 2, 1).num(4, 1, 4);
-    g.text(8, "CORVAL").text(40, "Demo Node").num(72, 81920, 4).num(76, 37, 4);
+    Golden g = header(type, 1, len, 1, minor);
+    g.num(3, 2, 1).text(8, "CORVAL").text(40, "Demo Node").num(72, 81920, 4).num(76, 37, 4);
     g.text(80, "1.8.0").text(104, "DEMO-0001").text(168, "0:0:1:0");
     g.num(200, 102400, 4).num(204, 3, 1).num(205, 1, 2);
     return g;
 }
 
-// One seed VDisk block at off (one member, node 1; one frontend,
-// 127.0.0.1) with generation count gen encoded for minor.
-void seed_vdisk(Golden& g, size_t off, bool snap, unsigned gen, uint8_t minor) {
-    char two[3];
-    std::snprintf(two, sizeof two, "%02u", gen % 100);
-    g.text(off + 4, snap ? kSnap : kPlain).text(off + 18, two);
-    g.text(off + 20, snap ? "demo disk snap" : "demo disk");
-    if (minor >= 8) g.num(off + 48, ((gen & 0xff) << 8) | ((gen >> 8) & 0xff), 2);
-    g.num(off + 50, 512, 4).num(off + 62, 2097152, 8).num(off + 70, 1, 8);
-    if (snap) {
-        g.num(off + 78, 26, 1).num(off + 79, 11, 1).num(off + 80, 23, 2).num(off + 82, 9, 1);
-        g.num(off + 83, 30, 1).text(off + 85, kPlain);
-    } else {
-        g.text(off + 78, "the demo's plain disk");
-    }
-    g.num(off + 110, 1, 1).num(off + 111, 3260, 2).num(off + 113, 1, 2).num(off + 116, 1, 1);
-    g.num(off + 117, 64, 2).num(off + 119, snap ? 1 : 0, 2).num(off + 121, 1, 2);
-    g.num(off + 123, 1, 2).num(off + 125, 1, 4).num(off + 129, 0x7f000001, 4);
-}
-
+// The seed's PING of node 1 (each VDisk with one member, node 1, and one
+// frontend, 127.0.0.1) with generation count gen encoded for minor.
 std::string seed_ping(unsigned gen = 1, uint8_t minor = 8) {
-    Golden g = seed_header(207 + 2 * 133, 4, minor);
-    seed_vdisk(g, 207, false, gen, minor);  // plain before snapshot
-    seed_vdisk(g, 340, true, gen, minor);
+    Golden g = seed_header(207, 4, minor);
+    for (bool snap : {false, true}) {  // plain before snapshot
+        VDiskBlock v(snap ? kSnap : kPlain, {1}, {0x7f000001}, snap ? kPlain : "");
+        v.gen = gen, v.name = snap ? "demo disk snap" : "demo disk";
+        g.vdisk(v);
+    }
     return g.b;
 }
-
-// A store copied from the seed, a configuration whose unicast hosts are the
-// given sinks' addresses, and helpers to change the copy.
-struct SeedStore {
-    TempDir dir;
-    TestConfig cfg{dir};
-    explicit SeedStore(const std::string& local_nodes = "1\n",
-                       const std::string& hosts = "127.0.0.2\n") {
-        std::string cmd = "cp -a " CORVALD_SOURCE_DIR "/etc/local/seed " + db() +
-                          " && mkdir -p " + db() + "/locks";
-        EXPECT_EQ(std::system(cmd.c_str()), 0);
-        dir.write("local_nodes", local_nodes);
-        dir.write("unicast_hosts", hosts);
-        cfg.values["ping_interval"] = "3600";
-        cfg.values["heartbeat_interval"] = "3600";
-    }
-    std::string db() const { return dir / "db"; }
-    void write(const std::string& rel, const std::string& text) { dir.write("db/" + rel, text); }
-    // Node/<to> as a copy of Node/1, also as a member of both VDisks.
-    void clone_node(int to) {
-        std::string t = std::to_string(to), cmd = "cp -a " + db() + "/Node/1 " + db() + "/Node/" + t;
-        for (const std::string& v : {kPlain, kSnap})
-            cmd += " && cp -a " + db() + "/VDisk/" + v + "/memberinfo/1 " + db() + "/VDisk/" + v +
-                   "/memberinfo/" + t;
-        EXPECT_EQ(std::system(cmd.c_str()), 0);
-    }
-    void sh(const std::string& cmd) { EXPECT_EQ(std::system(("cd " + db() + " && " + cmd).c_str()), 0); }
-    std::string conf() { return cfg.write(dir); }
-};
 
 // (type, node, length) of a datagram.
 using Sent = std::tuple<int, int, size_t>;
@@ -110,9 +48,7 @@ TEST(Announce, SeedStoreSendsItsNodeByteForByte) {
     SeedStore s;
     UdpSink sink("127.0.0.2", s.cfg.bind_port());
     Daemon d({"-dd", "-C", s.conf()}, s.dir);
-    Golden ds = seed_header(294, 16);
-    ds.text(207, "ds01").text(221, "demo store").text(253, "one-host demo").num(285, 512, 4);
-    ds.num(289, 1, 2).num(291, 1, 2);
+    Golden ds = seed_header(207, 16).datastore("ds01", "demo store", "one-host demo");
     Golden aux = seed_header(236, 35);
     aux.num(208, 28, 4).num(212, 20480, 4).num(216, 2, 4).num(220, 2, 4).num(224, 64, 4);
     aux.num(228, 16384, 4).num(232, 9216, 4);
