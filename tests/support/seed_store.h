@@ -2,6 +2,11 @@
 // configuration, and a way to look at any store path.
 #pragma once
 
+#include <gtest/gtest.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <cstdlib>
 #include <string>
 
 #include "support/daemon.h"
@@ -19,18 +24,42 @@ struct SeedStore {
     TempDir dir;
     TestConfig cfg{dir};
     explicit SeedStore(const std::string& local_nodes = "1\n",
-                       const std::string& hosts = "127.0.0.2\n");
+                       const std::string& hosts = "127.0.0.2\n") {
+        const std::string cp = "cp -a " CORVALD_SOURCE_DIR "/etc/local/seed " + db();
+        EXPECT_EQ(std::system((cp + " && mkdir " + db() + "/locks").c_str()), 0);
+        dir.write("local_nodes", local_nodes);
+        dir.write("unicast_hosts", hosts);
+        cfg.values["ping_interval"] = "3600";
+        cfg.values["heartbeat_interval"] = "3600";
+    }
     std::string db() const { return dir / "db"; }
     void write(const std::string& rel, const std::string& text) { dir.write("db/" + rel, text); }
     // Node/<to> as a copy of Node/1, also as a member of both VDisks.
-    void clone_node(int to);
+    void clone_node(int to) {
+        const std::string t = std::to_string(to);
+        sh("cp -a Node/1 Node/" + t +
+           " && for v in VDisk/*; do cp -a $v/memberinfo/1 $v/memberinfo/" + t + "; done");
+    }
     // Runs a shell command inside the store.
-    void sh(const std::string& cmd);
+    void sh(const std::string& cmd) {
+        EXPECT_EQ(std::system(("cd " + db() + " && " + cmd).c_str()), 0);
+    }
     std::string conf() { return cfg.write(dir); }
 };
 
 // What is at path, without following a link: "<missing>", "<dir>",
 // "-> " and a link's target, or a file's contents.
-std::string look(const std::string& path);
+inline std::string look(const std::string& path) {
+    struct stat st;
+    if (::lstat(path.c_str(), &st) != 0)
+        return "<missing>";
+    if (S_ISDIR(st.st_mode))
+        return "<dir>";
+    if (!S_ISLNK(st.st_mode))
+        return read_file(path);
+    char target[256];
+    ssize_t n = ::readlink(path.c_str(), target, sizeof target);
+    return "-> " + std::string(target, n > 0 ? static_cast<size_t>(n) : 0);
+}
 
 }  // namespace corvald::test
