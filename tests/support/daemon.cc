@@ -14,8 +14,8 @@
 
 #include <atomic>
 #include <cerrno>
+#include <cstdlib>
 #include <cstring>
-#include <fstream>
 #include <regex>
 #include <stdexcept>
 
