@@ -29,11 +29,14 @@ using Clock = std::chrono::steady_clock;
 using std::chrono::milliseconds;
 
 // Binds a socket of type to addr:port (port 0: the kernel picks one); the
-// port it got, or -1.
+// port it got, or -1. Only the TCP probe may reuse the address (a listener
+// of an earlier test may linger in TIME_WAIT); the UDP one must not, or it
+// would share a port with a running daemon, which sets SO_REUSEADDR.
 int bound_port(int type, uint32_t addr, int port) {
     UniqueFd so(::socket(AF_INET, type, 0));
     int one = 1;
-    ::setsockopt(so.get(), SOL_SOCKET, SO_REUSEADDR, &one, sizeof(one));
+    if (type == SOCK_STREAM)
+        ::setsockopt(so.get(), SOL_SOCKET, SO_REUSEADDR, &one, sizeof(one));
     struct sockaddr_in sa = {};
     sa.sin_family = AF_INET;
     sa.sin_addr.s_addr = htonl(addr);
