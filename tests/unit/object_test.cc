@@ -52,6 +52,10 @@ TEST(VDiskTree, ByteOrderDuplicatesAndWalks) {
     ASSERT_NE(dup, nullptr);
     EXPECT_EQ(t.size(), 6u);
     EXPECT_EQ(VDiskTree_RB_FIND(&t, dup.get()), first);
+    EXPECT_EQ(VDiskTree_RB_FIND(&t, "a3"), nullptr);
+    EXPECT_STREQ(VDiskTree_RB_PREV(&t, first)->vdiskuuid, "a10");
+    EXPECT_LT(VDiskCompare(VDiskTree_RB_FIND(&t, "a10"), first), 0);
+    EXPECT_GT(VDiskCompare(VDiskTree_RB_MINMAX(&t, 1), first), 0);
     EXPECT_EQ(VDiskTree_RB_NFIND(&t, vdisk_named("a3").get()), VDiskTree_RB_FIND(&t, "b1"));
     EXPECT_EQ(VDiskTree_RB_NFIND(&t, vdisk_named("\xff").get()), nullptr);
     // Removing hands the VDisk back; another object with the same key is
@@ -113,7 +117,9 @@ TEST(DatagramReader, NeverPastTheReceivedLength) {
     EXPECT_TRUE(rd.read_at(6, &m));
     EXPECT_FALSE(rd.read_at(7, &m));
     EXPECT_FALSE(rd.read_at(SIZE_MAX - 1, &m));  // no wrap-around
+    EXPECT_FALSE(rd.fits(2, SIZE_MAX));
     EXPECT_EQ(rd.tail(8).size(), 2u);
+    EXPECT_TRUE(rd.tail(10).empty());
     EXPECT_FALSE(rd.seek(11));
     EXPECT_TRUE(rd.seek(10));
 
