@@ -16,7 +16,6 @@
 #include <cerrno>
 #include <cstdlib>
 #include <cstring>
-#include <regex>
 #include <stdexcept>
 
 #include "util/unique_fd.h"
@@ -50,9 +49,11 @@ int bound_port(int type, uint32_t addr, int port) {
 
 // "ident[pid]: message" -> "message"; anything else is kept whole.
 std::string strip_ident(const std::string& s) {
-    static const std::regex prefix(R"(^[^\]]*\[[0-9]+\]: )");
-    std::smatch m;
-    return std::regex_search(s, m, prefix) ? m.suffix().str() : s;
+    size_t end = s.find("]: "), open = s.rfind('[', end);
+    if (end == std::string::npos || open == std::string::npos || open + 1 == end ||
+        s.find_first_not_of("0123456789", open + 1) != end)
+        return s;
+    return s.substr(end + 3);
 }
 
 }  // namespace
