@@ -228,9 +228,10 @@ void bare_unlock(const char* kind, const char* name) {
     ::unlink(path);
 }
 
-int bare_open(const char* fmt, const char* name) {
+// Opens the record <root>/<top>/<name>.
+int bare_open(const char* top, const char* name) {
     char path[kStorePathMax + 1];
-    std::snprintf(path, sizeof path, fmt, g_root.c_str(), name);
+    std::snprintf(path, sizeof path, "%s/%s/%s", g_root.c_str(), top, name);
     return ::open(path, O_RDONLY | O_DIRECTORY);
 }
 
@@ -257,10 +258,10 @@ void bare_cycle() {
     names.clear();
 
     bare_lock("NODE-", "1");
-    int fd = bare_open("%s/Node/%s", "1");
+    int fd = bare_open("Node", "1");
     for (const char* k : kNodeKeys) bare_load(fd, k);
     ::close(fd);
-    fd = bare_open("%s/Node/%s", "1");
+    fd = bare_open("Node", "1");
     ::fstatat(fd, "datastoremember", &st, AT_SYMLINK_NOFOLLOW);
     bare_load(fd, "datastoremember");
     ::close(fd);
@@ -275,7 +276,7 @@ void bare_cycle() {
     bare_unlock("NODE-", "1");
 
     bare_lock("DS-", "ds01");
-    fd = bare_open("%s/Datastore/%s", "ds01");
+    fd = bare_open("Datastore", "ds01");
     for (const char* k : kDatastoreKeys) bare_load(fd, k);
     ::close(fd);
     bare_unlock("DS-", "ds01");
@@ -285,7 +286,7 @@ void bare_cycle() {
     std::sort(names.begin(), names.end());
     for (const std::string& u : names) {
         bare_lock("VDISK-", u.c_str());
-        int vd = bare_open("%s/VDisk/%s", u.c_str());
+        int vd = bare_open("VDisk", u.c_str());
         ::fstatat(vd, "transaction_id", &st, AT_SYMLINK_NOFOLLOW);
         for (const char* k : kVDiskKeys) bare_load(vd, k);
         int mi = ::openat(vd, "memberinfo", O_RDONLY | O_DIRECTORY);
