@@ -68,14 +68,10 @@ void set_disposition(int sig, void (*handler)(int)) {
     ::sigaction(sig, &sa, nullptr);
 }
 
-struct FreeDeleter {
-    void operator()(char* p) const { std::free(p); }
-};
-
 // What one run of the loop holds. The one message buffer receives every
 // datagram and is where every outgoing one is built.
 struct LoopRun {
-    std::unique_ptr<char, FreeDeleter> buf;
+    UniqueChars buf;
     size_t buflen = 0;
     struct sockaddr_in if_addr = {};
     struct sockaddr_in bind_addr = {};

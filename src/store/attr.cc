@@ -20,10 +20,6 @@ namespace corvald {
 
 namespace {
 
-struct FreeDeleter {
-    void operator()(char* p) const { std::free(p); }
-};
-using HeapText = std::unique_ptr<char, FreeDeleter>;
 
 // read_value's result for a file of size 0, which only StringLoad accepts.
 constexpr int kEmptyFile = -2;
@@ -135,7 +131,7 @@ int AttrStore(int dirfd, const char* key, const char* fmt, ...) {
     int len;
     va_list ap;
     va_start(ap, fmt);
-    HeapText text(format_text(key, &len, 0, fmt, ap));
+    UniqueChars text(format_text(key, &len, 0, fmt, ap));
     va_end(ap);
     if (!text) return -1;
     return write_value(dirfd, key, text.get(), static_cast<size_t>(len));
@@ -149,7 +145,7 @@ ssize_t FileLoad(int fd, char** r_buf) {
     }
     if (size == 0) return 0;
     size_t want = static_cast<size_t>(size) + 1;
-    HeapText buf(static_cast<char*>(std::malloc(want)));
+    UniqueChars buf(static_cast<char*>(std::malloc(want)));
     if (!buf) {
         CV_ERROR("malloc(%zu): %s", want, std::strerror(errno));
         return -1;
@@ -201,6 +197,12 @@ int RecordDir::set_path(const char* fmt, ...) {
     return 0;
 }
 
+int RecordDir::create(const char* top) {
+    if (StoreMkdir(op_, top) < 0 || StoreMkdir(op_, path_) < 0 || open() < 0) return -1;
+    begin_batch();
+    return 0;
+}
+
 int RecordDir::open() {
     assert(fd_ < 0);
     fd_ = fd_open(path_, O_RDONLY | O_DIRECTORY, 0);
@@ -229,7 +231,7 @@ int RecordDir::store(const char* key, const char* fmt, ...) {
     va_start(ap, fmt);
     // Formatted once, so the trace shows exactly the bytes that go into the
     // file, less the line feed that is added behind them.
-    HeapText text(format_text(key, &len, 1, fmt, ap));
+    UniqueChars text(format_text(key, &len, 1, fmt, ap));
     va_end(ap);
     if (!text) return -1;
     CV_DEBUG_AS(op_, "%s/%s=%s", path_, key, text.get());

@@ -114,6 +114,10 @@ public:
 
     // Builds the path; 0, or -1 without a message when it is over 255 bytes.
     int set_path(const char* fmt, ...) __attribute__((format(printf, 2, 3)));
+    // Makes the top directory top (a prefix of path()) and the record
+    // directory, each after its "[MKDIR]" trace (existing ones count as
+    // made), opens the record and begins a batch; 0 or -1 (logged).
+    int create(const char* top);
     // Opens path() read-only as a directory; 0 or -1 (the open is logged).
     int open();
     // Opens name inside parent, shown as "<parent>/<name>"; 0, or -1 (path

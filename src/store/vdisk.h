@@ -9,10 +9,12 @@
 namespace corvald {
 
 // Fills vdisk (vdiskuuid set; parentuuid and both lists empty) from its
-// record: the shared attributes, and with a node also the node's member
-// record, the member list and the frontend list, the generation count
-// encoded for the node's version. node may be null. 0, or -1 after the
-// failing step's message (vdisk then holds what was read before it).
+// record: vde cleared, then the shared attributes and, for a snapshot, its
+// time and parentuuid; with a node also the node's member record, the member
+// list and the frontend list, the generation count encoded for the node's
+// version. node may be null. 0, or -1 after the failing step's message
+// (vdisk then holds what was read before it); a record path over 255 bytes
+// fails without one.
 int VDiskLoad(const Node* node, VDisk* vdisk);
 
 // For the VDisk record code. Reads "membership" of the open record vdiskfd

@@ -1,7 +1,9 @@
-// Owner for descriptors, so that every early return closes what was opened
-// (stdio streams: base/unique_file.h).
+// Owners for descriptors and heap buffers, so that every early return
+// releases what was taken (stdio streams: base/unique_file.h).
 #pragma once
 
+#include <cstdlib>
+#include <memory>
 #include <utility>
 
 #include "util/io.h"
@@ -36,5 +38,11 @@ public:
 private:
     int fd_ = -1;
 };
+
+// Owns a buffer from malloc, vasprintf or FileLoad; frees it with free().
+struct FreeDeleter {
+    void operator()(void* p) const { std::free(p); }
+};
+using UniqueChars = std::unique_ptr<char, FreeDeleter>;
 
 }  // namespace corvald
