@@ -354,8 +354,15 @@ Counts strace_counts(const char* mode, int port, int cycles) {
     int status = 0;
     ::waitpid(pid, &status, 0);
     Counts counts;
+    bool ran = WIFEXITED(status) && WEXITSTATUS(status) == 0;
+    // A sanitizer build's leak check cannot run under ptrace and fails the
+    // run: ASAN_OPTIONS=detect_leaks=0 lets it through.
+    if (!ran) {
+        int code = WIFEXITED(status) ? WEXITSTATUS(status) : -1;
+        std::fprintf(stderr, "bench_announce: strace of %s cycles: exit %d\n", mode, code);
+    }
     std::FILE* f = std::fopen(out.c_str(), "r");
-    if (WIFEXITED(status) && WEXITSTATUS(status) == 0 && f != nullptr) {
+    if (ran && f != nullptr) {
         // Rows: % time, seconds, usecs/call, calls, [errors,] name.
         char line[256];
         int rules = 0;
