@@ -120,7 +120,7 @@ TEST(Controller, ListFilesAreAppliedWholeOrNotAtAll) {
         size_t m = d.mark();
         d.signal(SIGHUP);
         ASSERT_TRUE(d.wait_for_after(m, c.hosts_dump.back())) << "no reload after SIGHUP";
-        EXPECT_EQ(since(d, m, "error:"), c.error.empty() ? Lines{} : Lines{c.error});
+        EXPECT_EQ(since(d, m, "error: load_"), c.error.empty() ? Lines{} : Lines{c.error});
         EXPECT_EQ(since(d, m, "dump_local_nodes"), c.nodes_dump);
         EXPECT_EQ(since(d, m, "dump_unicast_hosts"), c.hosts_dump);
     }
