@@ -61,6 +61,8 @@ struct Peer {
             SCOPED_TRACE("step " + std::to_string(i));
             const size_t from = d->mark();
             send(steps[i].dgram);
+            if (testing::Test::HasFatalFailure())
+                return;
             // The error lines, each cut to the part expected where it holds it.
             const std::string& want = steps[i].error;
             std::vector<std::string> errors;
