@@ -4,6 +4,7 @@
 #include <signal.h>
 #include <sys/stat.h>
 
+#include <map>
 #include <string>
 
 #include "support/daemon.h"
@@ -12,61 +13,53 @@
 namespace corvald::test {
 namespace {
 
-const std::string kUsage = std::string("Usage: ") + CORVALD_BIN + " [-dh] [-C config]\n";
-
-TEST(Frame, UsageErrorsComeBeforeAnyFileIsRead) {
-    RunResult h = run_to_exit({"-h", "-C", "/nonexistent/corvald.conf"});
-    EXPECT_EQ(h.status, 1);
-    EXPECT_EQ(h.err, kUsage);
-
-    RunResult x = run_to_exit({"-x"});
-    EXPECT_EQ(x.status, 1);
-    EXPECT_EQ(x.err, std::string(CORVALD_BIN) + ": invalid option -- 'x'\n" + kUsage);
-
-    RunResult c = run_to_exit({"-d", "-C"});
-    EXPECT_EQ(c.status, 1);
-    EXPECT_NE(c.err.find(kUsage), std::string::npos) << c.err;
-}
-
-TEST(Frame, ConfigurationErrorsEndTheStartOnStderr) {
+// Runs that end with status 1 before the loop: usage errors before any file
+// is read, configuration errors (on stderr even without -d), then work
+// directory and pid file failures.
+TEST(Frame, RunsThatEndBeforeTheLoop) {
     TempDir dir;
-    std::string missing = dir / "none.conf";
-    RunResult r = run_to_exit({"-C", missing});
-    EXPECT_EQ(r.status, 1);
-    EXPECT_EQ(r.err, "error: config_load(): fopen(" + missing + "): No such file or directory\n");
-
-    // Even without -d the message reaches stderr, and nothing is created.
     TestConfig cfg(dir);
-    cfg.values["ctrl_port"] = "65536";
-    r = run_to_exit({"-C", cfg.write(dir)});
-    EXPECT_EQ(r.status, 1);
-    EXPECT_EQ(r.err, "error: config_load(): Incorrect ctrl_port value: 65536\n");
+    const std::string usage = std::string("Usage: ") + CORVALD_BIN + " [-dh] [-C config]\n";
+    const std::string missing = dir / "none.conf", enoent = "): No such file or directory\n";
+    int files = 0;
+    auto conf = [&](const std::map<std::string, std::string>& values) {
+        TestConfig c(dir);
+        for (const auto& [k, v] : values) c.values[k] = v;
+        return c.write(dir, std::to_string(++files) + ".conf");
+    };
+    dir.write("plainfile", "x");
+    const struct {
+        std::vector<std::string> args;
+        std::string err;  // the whole of stderr, or with -d a line of it
+    } cases[] = {
+        {{"-h", "-C", "/nonexistent/corvald.conf"}, usage},
+        {{"-x"}, std::string(CORVALD_BIN) + ": invalid option -- 'x'\n" + usage},
+        {{"-d", "-C"}, usage},
+        {{"-C", missing}, "error: config_load(): fopen(" + missing + enoent},
+        {{"-C", conf({{"ctrl_port", "65536"}})},
+         "error: config_load(): Incorrect ctrl_port value: 65536\n"},
+        // The first error ends the read: the bad priority after it is never seen.
+        {{"-C", dir.write("bad.conf", "bind_port = 0\nsyslog_priority = bogus\n")},
+         "error: config_load(): Incorrect bind_port value: 0\n"},
+        {{"-d", "-C", conf({{"work_directory", dir / "no/such/parent"}})},
+         "error: mkdir(" + dir / "no/such/parent" + enoent},
+        {{"-d", "-C", conf({{"work_directory", dir / "plainfile"}})},
+         "error: chdir(" + dir / "plainfile" + "): Not a directory\n"},
+        {{"-d", "-C",
+          conf({{"pid_file", dir / "missing/corvald.pid"}, {"work_directory", dir.path()}})},
+         "error: fd_open(): open(" + dir / "missing/corvald.pid" + enoent},
+    };
+    for (const auto& c : cases) {
+        RunResult r = run_to_exit(c.args);
+        EXPECT_EQ(r.status, 1) << c.err;
+        if (c.args[0] == "-d") {
+            EXPECT_NE(r.err.find(c.err), std::string::npos) << r.err;
+        } else {
+            EXPECT_EQ(r.err, c.err);
+        }
+    }
     struct stat st;
     EXPECT_NE(::stat((dir / "db").c_str(), &st), 0) << "work directory made despite a bad file";
-
-    // The first error ends the read: the bad priority after it is never seen.
-    std::string text = "bind_port = 0\nsyslog_priority = bogus\n";
-    r = run_to_exit({"-d", "-C", dir.write("bad.conf", text)});
-    EXPECT_EQ(r.status, 1);
-    EXPECT_EQ(r.err, "error: config_load(): Incorrect bind_port value: 0\n");
-}
-
-TEST(Frame, WorkDirectoryFailures) {
-    TempDir dir;
-    TestConfig cfg(dir);
-    cfg.values["work_directory"] = dir / "no/such/parent";
-    RunResult r = run_to_exit({"-d", "-C", cfg.write(dir)});
-    EXPECT_EQ(r.status, 1);
-    EXPECT_NE(r.err.find("error: mkdir(" + dir / "no/such/parent" + "): No such file or directory\n"),
-              std::string::npos)
-        << r.err;
-
-    dir.write("plainfile", "x");
-    cfg.values["work_directory"] = dir / "plainfile";
-    r = run_to_exit({"-d", "-C", cfg.write(dir)});
-    EXPECT_EQ(r.status, 1);
-    EXPECT_NE(r.err.find("error: chdir(" + dir / "plainfile" + "): Not a directory\n"), std::string::npos)
-        << r.err;
 }
 
 // Runs a foreground daemon to its stop by sig; checks the pid file and the
@@ -78,9 +71,11 @@ pid_t run_and_stop(const TempDir& dir, const std::string& conf, int sig) {
     EXPECT_EQ(read_file(dir / "corvald.pid"), std::to_string(d.child_pid()) + "\n");
     d.signal(sig);
     EXPECT_EQ(d.wait_exit(), 0);
-    EXPECT_TRUE(d.wait_for("notice: controller_thread_loop(): Exit...", 0ms));
-    EXPECT_TRUE(d.wait_for("notice: controller_module_teardown(): Starting shutdown sequence...", 0ms));
-    EXPECT_TRUE(d.wait_for("notice: controller_module_teardown(): Shutdown sequence finished!", 0ms));
+    EXPECT_EQ(d.matching("notice: controller_"),
+              (std::vector<std::string>{
+                  "notice: controller_thread_loop(): Exit...",
+                  "notice: controller_module_teardown(): Starting shutdown sequence...",
+                  "notice: controller_module_teardown(): Shutdown sequence finished!"}));
     return d.child_pid();
 }
 
@@ -98,126 +93,90 @@ TEST(Frame, PidFileSurvivesStopAndIsRewrittenOnRestart) {
     EXPECT_EQ(st.st_mode & 07777, 0755u);
 }
 
-TEST(Frame, UnwritablePidFileEndsWithStatusOne) {
-    TempDir dir;
-    TestConfig cfg(dir);
-    cfg.values["pid_file"] = dir / "missing/corvald.pid";
-    Daemon d({"-d", "-C", cfg.write(dir)}, dir);
-    EXPECT_EQ(d.wait_exit(), 1);
-    EXPECT_TRUE(d.wait_for("error: fd_open(): open(" + dir / "missing/corvald.pid" +
-                               "): No such file or directory",
-                           0ms));
-}
-
-// The dump is an info line, the stop notices are notice lines: the mask
-// decides which of them reach stderr under -d.
+// Under -d the mask decides what reaches stderr: the dump is an info line,
+// statistics and stop notices are notices, and -dd passes the loop's debug
+// lines whatever the configured priority. With statistics every pass, two
+// reports under -d at info mean a whole idle pass without its debug line.
 TEST(Frame, LogMaskFollowsPriorityAndDebugCount) {
     TempDir dir;
     TestConfig cfg(dir);
-    cfg.values["syslog_priority"] = "notice";
-    std::string conf = cfg.write(dir);
-    {
-        Daemon d({"-d", "-C", conf}, dir);
+    cfg.values["stats_interval"] = "0";
+    const struct {
+        const char *priority, *dash_d;
+        std::vector<std::string> seen;
+        const char* unseen;  // "" matches every line: nothing may be logged
+    } cases[] = {
+        {"notice", "-d", {"TX: ALL=0/0"}, "syslog_ident="},
+        {"notice",
+         "-dd",
+         {"syslog_priority=notice", "debug: controller_thread_loop(): Waiting..."},
+         "error:"},
+        {"info", "-d", {"syslog_ident=", "TX: ALL=0/0", "TX: ALL=0/0"}, "Waiting..."},
+        {"none", "-d", {}, ""},
+    };
+    for (const auto& c : cases) {
+        SCOPED_TRACE(std::string(c.priority) + " " + c.dash_d);
+        cfg.values["syslog_priority"] = c.priority;
+        Daemon d({c.dash_d, "-C", cfg.write(dir)}, dir);
         ASSERT_TRUE(d.wait_handler(SIGTERM));
+        size_t m = 0;
+        for (const std::string& line : c.seen) {
+            ASSERT_TRUE(d.wait_for_after(m, line)) << line;
+            m = d.mark();
+        }
         d.signal(SIGTERM);
         EXPECT_EQ(d.wait_exit(), 0);
-        EXPECT_TRUE(d.wait_for("Shutdown sequence finished!", 0ms));
-        EXPECT_TRUE(d.matching("syslog_ident=").empty());
-    }
-    {
-        // -dd passes the info dump and the loop's debug lines whatever the
-        // configured priority.
-        Daemon d({"-dd", "-C", conf}, dir);
-        EXPECT_TRUE(d.wait_for("syslog_priority=notice"));
-        EXPECT_TRUE(d.wait_for("debug: controller_thread_loop(): Waiting..."));
-        d.signal(SIGTERM);
-        EXPECT_EQ(d.wait_exit(), 0);
-    }
-    {
-        // Under -d at info, an idle pass logs its statistics but not the
-        // debug line that follows them: two reports mean a whole idle pass.
-        cfg.values["syslog_priority"] = "info";
-        cfg.values["stats_interval"] = "0";
-        Daemon d({"-d", "-C", cfg.write(dir)}, dir);
-        ASSERT_TRUE(d.wait_for("TX: ALL=0/0"));
-        ASSERT_TRUE(d.wait_for_after(d.mark(), "TX: ALL=0/0"));
-        EXPECT_TRUE(d.matching("Waiting...").empty());
-        d.signal(SIGTERM);
-        EXPECT_EQ(d.wait_exit(), 0);
-        cfg.values.erase("stats_interval");
-    }
-    cfg.values["syslog_priority"] = "none";
-    conf = cfg.write(dir);
-    {
-        Daemon d({"-d", "-C", conf}, dir);
-        ASSERT_TRUE(d.wait_handler(SIGTERM));
-        d.signal(SIGTERM);
-        EXPECT_EQ(d.wait_exit(), 0);
-        EXPECT_TRUE(d.lines().empty()) << d.lines().front().raw;
+        EXPECT_EQ(d.matching("Shutdown sequence finished!").size(),
+                  std::string(c.priority) == "none" ? 0u : 1u);
+        EXPECT_TRUE(d.matching(c.unseen).empty());
     }
 }
 
 // Without -d the daemon detaches: the started process returns 0 at once,
-// the pid file names the daemon, and every message goes to syslog with the
-// priority that matches its level word.
+// the pid file names the daemon, and every message goes to syslog only, with
+// the priority of its level word, as far as syslog_priority lets it through.
 TEST(Frame, DetachedDaemonLogsToSyslogOnly) {
-    if (!syslog_available()) GTEST_SKIP() << "needs root and mount namespaces to give the daemon its own /dev/log";
-    TempDir dir;
-    TestConfig cfg(dir);
-    cfg.values["syslog_ident"] = "\"corvald test\"";
-    Daemon d({"-C", cfg.write(dir)}, dir, Daemon::LogVia::Syslog);
-    EXPECT_EQ(d.wait_exit(), 0);
-    auto dump = d.wait_for("syslog_ident=corvald test syslog_facility=daemon syslog_priority=info");
-    ASSERT_TRUE(dump);
-    EXPECT_EQ(dump->priority, 6);
-    EXPECT_EQ(dump->raw.rfind("<30>", 0), 0u) << dump->raw;  // daemon.info
-    auto daemon_pid = d.wait_pid_file(dir / "corvald.pid");
-    ASSERT_TRUE(daemon_pid);
-    pid_t pid = *daemon_pid;
-    EXPECT_NE(pid, d.child_pid());
-    EXPECT_NE(dump->raw.find("corvald test[" + std::to_string(pid) + "]: "), std::string::npos);
-    ASSERT_TRUE(d.wait_handler(SIGTERM, pid));
-    d.signal(SIGTERM, pid);
-    auto fin = d.wait_for("notice: controller_module_teardown(): Shutdown sequence finished!");
-    ASSERT_TRUE(fin);
-    EXPECT_EQ(fin->priority, 5);
-    for (const auto& l : d.lines()) EXPECT_EQ(l.priority == -1, false) << "on stderr: " << l.raw;
-}
-
-// syslog_priority = debug lets the loop's debug lines through without -d.
-TEST(Frame, SyslogDebugPriorityWithoutDashD) {
-    if (!syslog_available()) GTEST_SKIP() << "needs root and mount namespaces to give the daemon its own /dev/log";
-    TempDir dir;
-    TestConfig cfg(dir);
-    cfg.values["syslog_priority"] = "debug";
-    Daemon d({"-C", cfg.write(dir)}, dir, Daemon::LogVia::Syslog);
-    EXPECT_EQ(d.wait_exit(), 0);
-    auto pid = d.wait_pid_file(dir / "corvald.pid");
-    ASSERT_TRUE(pid);
-    auto waiting = d.wait_for("debug: controller_thread_loop(): Waiting...");
-    ASSERT_TRUE(waiting);
-    EXPECT_EQ(waiting->priority, 7);
-    ASSERT_TRUE(d.wait_handler(SIGTERM, *pid));
-    d.signal(SIGTERM, *pid);
-    EXPECT_TRUE(d.wait_for("Shutdown sequence finished!"));
-}
-
-TEST(Frame, SyslogWarnPriorityHidesNotices) {
-    if (!syslog_available()) GTEST_SKIP() << "needs root and mount namespaces to give the daemon its own /dev/log";
-    TempDir dir;
-    TestConfig cfg(dir);
-    cfg.values["syslog_priority"] = "warn";
-    Daemon d({"-C", cfg.write(dir)}, dir, Daemon::LogVia::Syslog);
-    EXPECT_EQ(d.wait_exit(), 0);
-    auto pid = d.wait_pid_file(dir / "corvald.pid");
-    ASSERT_TRUE(pid);
-    ASSERT_TRUE(d.wait_handler(SIGTERM, *pid));
-    d.signal(SIGTERM, *pid);
-    // Nothing at warn or above is logged by a clean run: the mask hides the
-    // info dump and the notices alike, so the log stays empty until the
-    // process is gone.
-    EXPECT_TRUE(d.wait_gone(*pid));
-    EXPECT_TRUE(d.lines().empty()) << d.lines().front().raw;
+    if (!syslog_available())
+        GTEST_SKIP() << "needs root and mount namespaces for a /dev/log of its own";
+    const struct {
+        const char* priority;
+        std::string seen;
+        int seen_priority;
+    } cases[] = {
+        {"info", "syslog_ident=corvald test syslog_facility=daemon syslog_priority=info", 6},
+        {"debug", "debug: controller_thread_loop(): Waiting...", 7},
+        {"warn", "", 0},  // a clean run logs nothing at warn or above
+    };
+    for (const auto& c : cases) {
+        SCOPED_TRACE(c.priority);
+        TempDir dir;
+        TestConfig cfg(dir);
+        cfg.values["syslog_ident"] = "\"corvald test\"";
+        cfg.values["syslog_priority"] = c.priority;
+        Daemon d({"-C", cfg.write(dir)}, dir, Daemon::LogVia::Syslog);
+        EXPECT_EQ(d.wait_exit(), 0);
+        auto pid = d.wait_pid_file(dir / "corvald.pid");
+        ASSERT_TRUE(pid);
+        EXPECT_NE(*pid, d.child_pid());
+        if (!c.seen.empty()) {
+            auto line = d.wait_for(c.seen);
+            ASSERT_TRUE(line);
+            EXPECT_EQ(line->priority, c.seen_priority);
+            // daemon facility (3 << 3) and the priority; the ident with the daemon's pid
+            EXPECT_EQ(line->raw.rfind("<" + std::to_string(24 + c.seen_priority) + ">", 0), 0u)
+                << line->raw;
+            EXPECT_NE(line->raw.find("corvald test[" + std::to_string(*pid) + "]: "),
+                      std::string::npos);
+        }
+        ASSERT_TRUE(d.wait_handler(SIGTERM, *pid));
+        d.signal(SIGTERM, *pid);
+        EXPECT_TRUE(d.wait_gone(*pid));
+        auto fin =
+            d.wait_for("notice: controller_module_teardown(): Shutdown sequence finished!", 1s);
+        EXPECT_EQ(fin ? fin->priority : -2, c.seen.empty() ? -2 : 5);
+        for (const auto& l : d.lines()) EXPECT_NE(l.priority, -1) << "on stderr: " << l.raw;
+        EXPECT_TRUE(!c.seen.empty() || d.lines().empty());
+    }
 }
 
 }  // namespace

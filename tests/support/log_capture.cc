@@ -6,6 +6,7 @@
 #include <condition_variable>
 #include <cstdarg>
 #include <cstdio>
+#include <cstdlib>
 #include <mutex>
 
 namespace corvald::test {
@@ -24,17 +25,15 @@ struct LogSink {
     // Takes the line if a capture is alive; false lets it pass to syslog.
     bool take(int pri, const char* fmt, va_list ap) {
         std::lock_guard<std::mutex> lock(mu);
-        if (live.empty()) return false;
-        va_list copy;
-        va_copy(copy, ap);
-        int n = std::vsnprintf(nullptr, 0, fmt, copy);
-        va_end(copy);
-        std::string text(n > 0 ? static_cast<size_t>(n) : 0, '\0');
-        if (n > 0) std::vsnprintf(text.data(), text.size() + 1, fmt, ap);
+        if (live.empty())
+            return false;
+        char* formatted = nullptr;
+        std::string text = ::vasprintf(&formatted, fmt, ap) >= 0 ? formatted : "";
+        std::free(formatted);
         int mask = ::setlogmask(0);
         for (LogCapture* c : live) {
-            if (c->mask_ == LogCapture::Mask::kKeep && (LOG_MASK(LOG_PRI(pri)) & mask) == 0) continue;
-            c->lines_.push_back({LOG_PRI(pri), text});
+            if (c->mask_ == LogCapture::Mask::kOpen || (LOG_MASK(LOG_PRI(pri)) & mask) != 0)
+                c->lines_.push_back({LOG_PRI(pri), text});
         }
         cv.notify_all();
         return true;
@@ -42,15 +41,13 @@ struct LogSink {
 };
 
 LogCapture::LogCapture(Mask mask) : mask_(mask) {
-    LogSink& s = LogSink::get();
-    std::lock_guard<std::mutex> lock(s.mu);
-    s.live.push_back(this);
+    std::lock_guard<std::mutex> lock(LogSink::get().mu);
+    LogSink::get().live.push_back(this);
 }
 
 LogCapture::~LogCapture() {
-    LogSink& s = LogSink::get();
-    std::lock_guard<std::mutex> lock(s.mu);
-    s.live.erase(std::remove(s.live.begin(), s.live.end(), this), s.live.end());
+    std::lock_guard<std::mutex> lock(LogSink::get().mu);
+    std::erase(LogSink::get().live, this);
 }
 
 std::vector<LogLine> LogCapture::entries() const {
@@ -59,25 +56,24 @@ std::vector<LogLine> LogCapture::entries() const {
 }
 
 std::vector<std::string> LogCapture::lines() const {
-    std::vector<std::string> out;
-    for (const LogLine& l : entries()) out.push_back(l.text);
-    return out;
+    return lines_containing("");
 }
 
 std::vector<std::string> LogCapture::lines_containing(const std::string& part) const {
     std::vector<std::string> out;
-    for (const LogLine& l : entries()) {
-        if (l.text.find(part) != std::string::npos) out.push_back(l.text);
-    }
+    for (const LogLine& l : entries())
+        if (l.text.find(part) != std::string::npos)
+            out.push_back(l.text);
     return out;
 }
 
-bool LogCapture::contains(const std::string& line) const { return count(line) > 0; }
+bool LogCapture::contains(const std::string& line) const {
+    return count(line) > 0;
+}
 
 size_t LogCapture::count(const std::string& line) const {
-    size_t n = 0;
-    for (const LogLine& l : entries()) n += l.text == line ? 1 : 0;
-    return n;
+    auto all = lines();
+    return static_cast<size_t>(std::count(all.begin(), all.end(), line));
 }
 
 void LogCapture::clear() {
@@ -86,37 +82,38 @@ void LogCapture::clear() {
 }
 
 bool LogCapture::wait_for(const std::string& part, std::chrono::milliseconds timeout) const {
-    LogSink& s = LogSink::get();
-    std::unique_lock<std::mutex> lock(s.mu);
-    return s.cv.wait_for(lock, timeout, [&] {
-        return std::any_of(lines_.begin(), lines_.end(),
-                           [&](const LogLine& l) { return l.text.find(part) != std::string::npos; });
+    std::unique_lock<std::mutex> lock(LogSink::get().mu);
+    return LogSink::get().cv.wait_for(lock, timeout, [&] {
+        return std::any_of(lines_.begin(), lines_.end(), [&](const LogLine& l) {
+            return l.text.find(part) != std::string::npos;
+        });
     });
 }
 
 std::string LogCapture::dump() const {
     std::string out;
-    for (const LogLine& l : entries()) out += l.text + "\n";
+    for (const std::string& l : lines()) out += l + "\n";
     return out;
 }
 
 }  // namespace corvald::test
 
-// The test binaries' syslog: the captures' entry point. Without a live
-// capture the line goes to the C library's vsyslog, so the daemon's own
-// logging set-up (openlog, LOG_PERROR) still works in tests that want it.
+// The test binaries' syslog, and its twin for code built with
+// _FORTIFY_SOURCE. Without a live capture the line goes to the C library's
+// vsyslog, so the daemon's own logging set-up (openlog, LOG_PERROR) still
+// works in tests that want it.
 extern "C" void syslog(int pri, const char* fmt, ...) {
     va_list ap;
     va_start(ap, fmt);
-    if (!corvald::test::LogSink::get().take(pri, fmt, ap)) ::vsyslog(pri, fmt, ap);
+    if (!corvald::test::LogSink::get().take(pri, fmt, ap))
+        ::vsyslog(pri, fmt, ap);
     va_end(ap);
 }
 
-// The same for code built with _FORTIFY_SOURCE, where syslog() calls become
-// __syslog_chk().
 extern "C" void __syslog_chk(int pri, int, const char* fmt, ...) {
     va_list ap;
     va_start(ap, fmt);
-    if (!corvald::test::LogSink::get().take(pri, fmt, ap)) ::vsyslog(pri, fmt, ap);
+    if (!corvald::test::LogSink::get().take(pri, fmt, ap))
+        ::vsyslog(pri, fmt, ap);
     va_end(ap);
 }

@@ -4,6 +4,7 @@
 #include <sys/syscall.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cassert>
 #include <cerrno>
 #include <cstdarg>
@@ -19,99 +20,74 @@ struct HookState {
     std::mutex mu;
     bool armed = false;
     std::string open_path;
-    int open_err = 0;
-    int open_times = 0;
+    int open_err = 0, open_times = 0, fsync_err = 0, fsync_times = 0;
     std::map<std::string, int> opens;
-    int fsync_err = 0;
-    int fsync_times = 0;
     std::vector<int> fsyncs;
 };
 
-HookState& state() {
-    static HookState s;
-    return s;
+// The hooks' state, locked while the holder lives. Function-local so that it
+// exists for calls made during other files' static initialization.
+struct Locked {
+    static HookState& state() {
+        static HookState s;
+        return s;
+    }
+    std::lock_guard<std::mutex> lock{state().mu};
+    HookState& s = state();
+};
+
+// The error to inject for this call (0: none), using up one of `times`.
+int inject(int& times, int err) {
+    return times > 0 && times-- > 0 ? err : 0;
 }
 
 }  // namespace
 
 SyscallHooks::SyscallHooks() {
-    HookState& s = state();
-    std::lock_guard<std::mutex> lock(s.mu);
-    assert(!s.armed);
-    s.armed = true;
+    Locked l;
+    assert(!l.s.armed);
+    l.s.armed = true;
 }
 
 SyscallHooks::~SyscallHooks() {
-    HookState& s = state();
-    std::lock_guard<std::mutex> lock(s.mu);
-    s.armed = false;
-    s.open_times = 0;
-    s.fsync_times = 0;
-    s.opens.clear();
-    s.fsyncs.clear();
+    Locked l;
+    l.s.armed = false;
+    l.s.open_times = l.s.fsync_times = 0;
+    l.s.opens.clear();
+    l.s.fsyncs.clear();
 }
 
 void SyscallHooks::fail_open(const std::string& path, int err, int times) {
-    std::lock_guard<std::mutex> lock(state().mu);
-    state().open_path = path;
-    state().open_err = err;
-    state().open_times = times;
+    Locked l;
+    l.s.open_path = path;
+    l.s.open_err = err;
+    l.s.open_times = times;
 }
 
 int SyscallHooks::open_calls(const std::string& path) const {
-    std::lock_guard<std::mutex> lock(state().mu);
-    auto it = state().opens.find(path);
-    return it == state().opens.end() ? 0 : it->second;
+    Locked l;
+    return l.s.opens.count(path) ? l.s.opens.at(path) : 0;
 }
 
 void SyscallHooks::fail_fsync(int err, int times) {
-    std::lock_guard<std::mutex> lock(state().mu);
-    state().fsync_err = err;
-    state().fsync_times = times;
+    Locked l;
+    l.s.fsync_err = err;
+    l.s.fsync_times = times;
 }
 
 int SyscallHooks::fsync_calls(int fd) const {
-    std::lock_guard<std::mutex> lock(state().mu);
-    int n = 0;
-    for (int f : state().fsyncs) n += f == fd ? 1 : 0;
-    return n;
+    Locked l;
+    return static_cast<int>(std::count(l.s.fsyncs.begin(), l.s.fsyncs.end(), fd));
 }
 
 int SyscallHooks::fsync_calls() const {
-    std::lock_guard<std::mutex> lock(state().mu);
-    return static_cast<int>(state().fsyncs.size());
+    Locked l;
+    return static_cast<int>(l.s.fsyncs.size());
 }
-
-namespace {
-
-// Both return the error to inject (0: none) and count the call.
-int hook_open(const char* path) {
-    HookState& s = state();
-    std::lock_guard<std::mutex> lock(s.mu);
-    if (!s.armed) return 0;
-    ++s.opens[path];
-    if (s.open_times > 0 && s.open_path == path) {
-        --s.open_times;
-        return s.open_err;
-    }
-    return 0;
-}
-
-int hook_fsync(int fd) {
-    HookState& s = state();
-    std::lock_guard<std::mutex> lock(s.mu);
-    if (!s.armed) return 0;
-    s.fsyncs.push_back(fd);
-    if (s.fsync_times > 0) {
-        --s.fsync_times;
-        return s.fsync_err;
-    }
-    return 0;
-}
-
-}  // namespace
 
 }  // namespace corvald::test
+
+using corvald::test::Locked;
 
 extern "C" int open(const char* path, int flags, ...) {
     mode_t mode = 0;
@@ -121,16 +97,27 @@ extern "C" int open(const char* path, int flags, ...) {
         mode = static_cast<mode_t>(va_arg(ap, int));
         va_end(ap);
     }
-    if (int err = corvald::test::hook_open(path); err != 0) {
+    int err = 0;
+    if (Locked l; l.s.armed) {
+        ++l.s.opens[path];
+        if (l.s.open_path == path)
+            err = corvald::test::inject(l.s.open_times, l.s.open_err);
+    }
+    if (err != 0) {
         errno = err;
         return -1;
     }
     return static_cast<int>(::syscall(SYS_openat, AT_FDCWD, path, flags, mode));
 }
 
+// The real fsync runs first: an injected failure comes after the data is safe.
 extern "C" int fsync(int fd) {
-    int rc = static_cast<int>(::syscall(SYS_fsync, fd));
-    if (int err = corvald::test::hook_fsync(fd); err != 0 && rc == 0) {
+    int rc = static_cast<int>(::syscall(SYS_fsync, fd)), err = 0;
+    if (Locked l; l.s.armed) {
+        l.s.fsyncs.push_back(fd);
+        err = corvald::test::inject(l.s.fsync_times, l.s.fsync_err);
+    }
+    if (err != 0 && rc == 0) {
         errno = err;
         return -1;
     }

@@ -4,13 +4,13 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <gtest/gtest.h>
+
 #include <cerrno>
 #include <cstdlib>
 #include <cstring>
 #include <string>
 #include <vector>
-
-#include <gtest/gtest.h>
 
 #include "support/log_capture.h"
 #include "support/syscall_hooks.h"
@@ -19,9 +19,7 @@
 namespace corvald {
 namespace {
 
-using test::LogCapture;
 using test::SyscallHooks;
-using test::TempDir;
 using Lines = std::vector<std::string>;
 
 // A store root with one record directory, Node/12.
@@ -35,13 +33,12 @@ protected:
     }
     void TearDown() override { ::close(dirfd_); }
 
-    TempDir tmp_;
+    test::TempDir tmp_;
     const std::string& root_ = tmp_.path();
     const std::string record_ = root_ + "/Node/12";
     int dirfd_ = -1;
-    LogCapture log_;
+    test::LogCapture log_;
 };
-class RecordDirTest : public AttrTest {};
 
 TEST_F(AttrTest, ReadersTakeOneValueAndOneLineFeed) {
     struct Case {
@@ -121,7 +118,7 @@ TEST_F(AttrTest, AttrStoreRewritesInPlaceAndFileLoadReadsWhole) {
                                    "error: fd_openat(): openat(Node): Is a directory"}));
 }
 
-TEST_F(RecordDirTest, BatchTracesEachWriteAndFlushesOnceEvenWhenItFails) {
+TEST_F(AttrTest, BatchTracesEachWriteAndFlushesOnceEvenWhenItFails) {
     ASSERT_EQ(::mkdir((record_ + "/model").c_str(), 0755), 0);  // its write fails
     SyscallHooks hooks;
     RecordDir dir("NodeCreate");
@@ -150,7 +147,7 @@ TEST_F(RecordDirTest, BatchTracesEachWriteAndFlushesOnceEvenWhenItFails) {
 }
 
 // Loads, directories and a subrecord, all without a batch, so never flushed.
-TEST_F(RecordDirTest, EachStepIsTracedAndEachLoadFailureReported) {
+TEST_F(AttrTest, EachStepIsTracedAndEachLoadFailureReported) {
     tmp_.write("Node/12/freespace", "42\n");
     tmp_.write("Node/12/sectors", "1099511627776\n");
     tmp_.write("Node/12/name", "abc\n");

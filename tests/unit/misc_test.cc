@@ -1,10 +1,9 @@
 #include "util/misc.h"
 
+#include <gtest/gtest.h>
 #include <signal.h>
 #include <sys/stat.h>
 #include <unistd.h>
-
-#include <gtest/gtest.h>
 
 #include <cerrno>
 #include <chrono>
@@ -26,22 +25,18 @@ TEST(RmFr, RemovesTreesButNeverFollowsLinks) {
     test::TempDir dir;
     EXPECT_EQ(rm_fr((dir / "missing").c_str()), 0);
     EXPECT_TRUE(log.lines().empty());
-
+    // Neither a file nor a link to a directory outside is a tree to remove.
     dir.write("file", "x");
     EXPECT_EQ(rm_fr((dir / "file").c_str()), -2);
-    EXPECT_TRUE(exists(dir / "file"));
-    EXPECT_TRUE(log.contains("error: rm_fr(): " + dir / "file" + " not a directory!"));
-
-    // Outside the tree: a directory that links inside point at.
-    ::mkdir((dir / "outside").c_str(), 0755);
+    EXPECT_EQ(log.lines(),
+              std::vector<std::string>{"error: rm_fr(): " + dir / "file" + " not a directory!"});
+    for (const char* d : {"outside", "tree", "tree/a", "tree/a/b"})
+        ::mkdir((dir / d).c_str(), 0755);
     dir.write("outside/keep", "k");
     ::symlink((dir / "outside").c_str(), (dir / "link-to-dir").c_str());
     EXPECT_EQ(rm_fr((dir / "link-to-dir").c_str()), -2);
-    EXPECT_TRUE(exists(dir / "outside/keep"));
+    EXPECT_TRUE(exists(dir / "file") && exists(dir / "link-to-dir"));
 
-    ::mkdir((dir / "tree").c_str(), 0755);
-    ::mkdir((dir / "tree/a").c_str(), 0755);
-    ::mkdir((dir / "tree/a/b").c_str(), 0755);
     dir.write("tree/a/b/f", "1");
     dir.write("tree/g", "2");
     ::symlink("../../outside", (dir / "tree/a/rel").c_str());
@@ -50,18 +45,16 @@ TEST(RmFr, RemovesTreesButNeverFollowsLinks) {
     EXPECT_EQ(rm_fr((dir / "tree").c_str()), 0);
     EXPECT_FALSE(exists(dir / "tree"));
     EXPECT_EQ(dir.read("outside/keep"), "k");
-    // Contents before their directory, the root last.
+    // Links are unlinked, contents go before their directory, the root last.
     EXPECT_TRUE(log.contains("debug: rm_fn(): unlink(" + dir / "tree/a/rel" + "): 0"));
     EXPECT_TRUE(log.contains("debug: rm_fn(): unlink(" + dir / "tree/abs" + "): 0"));
-    auto lines = log.lines();
-    EXPECT_EQ(lines.back(), "debug: rm_fn(): rmdir(" + dir / "tree" + "): 0");
+    EXPECT_EQ(log.lines().back(), "debug: rm_fn(): rmdir(" + dir / "tree" + "): 0");
 }
 
 TEST(RmFr, StopsAtTheFirstEntryItCannotRemove) {
-    if (::geteuid() == 0) {
-        // Root ignores directory permissions; an unreadable tree cannot be made.
-        GTEST_SKIP() << "needs an unprivileged user to make an entry unremovable";
-    }
+    // Root ignores directory permissions; an unreadable tree cannot be made.
+    if (::geteuid() == 0)
+        GTEST_SKIP() << "needs an unprivileged user";
     test::TempDir dir;
     ::mkdir((dir / "t").c_str(), 0755);
     ::mkdir((dir / "t/locked").c_str(), 0755);
@@ -72,39 +65,28 @@ TEST(RmFr, StopsAtTheFirstEntryItCannotRemove) {
     ::chmod((dir / "t/locked").c_str(), 0755);
 }
 
-volatile sig_atomic_t hups = 0;
-volatile sig_atomic_t usr1s = 0;
-void on_hup(int) { hups = hups + 1; }
-void on_usr1(int) { usr1s = usr1s + 1; }
+volatile sig_atomic_t caught = 0;
+void on_signal(int) {
+    caught = caught + 1;
+}
 
 TEST(Msleep, HoldsBackStopAndReloadSignalsButNotUsr1) {
-    using Clock = std::chrono::steady_clock;
-
+    using namespace std::chrono;
     EXPECT_EQ(msleep(0), 0);
-
-    hups = 0;
-    {
-        test::SignalTimer hup(SIGHUP, on_hup, 20);
-        auto t0 = Clock::now();
-        EXPECT_EQ(msleep(300), 0);
-        EXPECT_GE(Clock::now() - t0, std::chrono::milliseconds(300));
-        // Delivered when the mask was restored, before msleep returned.
-        EXPECT_EQ(hups, 1);
+    // SIGHUP waits until the mask is restored, before msleep returns; SIGUSR1
+    // ends the sleep. 1100 ms: seconds and milliseconds are both slept.
+    const struct {
+        int sig, ms, rc;
+    } cases[] = {{SIGHUP, 300, 0}, {SIGUSR1, 60000, -EINTR}, {0, 1100, 0}};
+    for (const auto& c : cases) {
+        caught = 0;
+        test::SignalTimer timer(c.sig ? c.sig : SIGUSR2, on_signal, c.sig ? 20 : 0);
+        auto t0 = steady_clock::now();
+        EXPECT_EQ(msleep(c.ms), c.rc) << c.sig;
+        auto slept = steady_clock::now() - t0;
+        EXPECT_EQ(caught, c.sig ? 1 : 0) << c.sig;
+        EXPECT_TRUE(c.rc == 0 ? slept >= milliseconds(c.ms) : slept < seconds(30)) << c.sig;
     }
-
-    usr1s = 0;
-    {
-        test::SignalTimer usr1(SIGUSR1, on_usr1, 20);
-        auto t0 = Clock::now();
-        EXPECT_EQ(msleep(60000), -EINTR);
-        EXPECT_LT(Clock::now() - t0, std::chrono::seconds(30));
-        EXPECT_EQ(usr1s, 1);
-    }
-
-    // Seconds and milliseconds are both slept.
-    auto t0 = Clock::now();
-    EXPECT_EQ(msleep(1100), 0);
-    EXPECT_GE(Clock::now() - t0, std::chrono::milliseconds(1100));
 }
 
 }  // namespace

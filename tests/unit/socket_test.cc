@@ -7,13 +7,13 @@
 #include <sys/socket.h>
 #include <unistd.h>
 
-#include <fstream>
-#include <sstream>
 #include <string>
+#include <tuple>
 #include <vector>
 
 #include "base/config.h"
 #include "support/log_capture.h"
+#include "support/temp_dir.h"
 #include "util/unique_fd.h"
 
 namespace corvald {
@@ -21,25 +21,7 @@ namespace {
 
 using Lines = std::vector<std::string>;
 
-struct sockaddr_in wildcard(int port) {
-    struct sockaddr_in sa = {};
-    sa.sin_family = AF_INET;
-    sa.sin_port = htons(static_cast<uint16_t>(port));
-    return sa;
-}
-
-// Puts back the settings a test changes.
-struct SavedSettings {
-    std::string address = cfg_multicast_address;
-    int port = cfg_bind_port, mode = cfg_unicast_mode;
-    ~SavedSettings() {
-        cfg_multicast_address = address;
-        cfg_bind_port = port;
-        cfg_unicast_mode = mode;
-    }
-};
-
-TEST(InterfaceAddr, LoopbackAndMissingInterface) {
+TEST(Socket, InterfaceAddressAndBoundSocket) {
     test::LogCapture log;
     struct sockaddr_in a = {};
     ASSERT_EQ(get_interface_addr("lo", &a), 0);
@@ -47,52 +29,52 @@ TEST(InterfaceAddr, LoopbackAndMissingInterface) {
     EXPECT_EQ(a.sin_port, 0);
     EXPECT_EQ(a.sin_addr.s_addr, htonl(INADDR_LOOPBACK));
     // A name longer than an interface name is cut, never overrun.
-    for (const char* name : {"nosuchif0", "a-very-long-interface-name"}) {
-        EXPECT_EQ(get_interface_addr(name, &a), -1) << name;
-    }
-    EXPECT_EQ(log.lines(),
-              Lines(2, "error: get_interface_addr(): ioctl(SIOCGIFADDR): No such device"));
-}
+    EXPECT_EQ(get_interface_addr("nosuchif0", &a), -1);
+    EXPECT_EQ(get_interface_addr("a-very-long-interface-name", &a), -1);
 
-TEST(OpenSocket, PortTakenThenBoundWithItsNotice) {
     // A holder without SO_REUSEADDR on a port of the system's choice keeps
     // open_socket off it; with the option set on the holder too, the port
     // can be shared without a window for another process to take it.
-    test::LogCapture log;
     UniqueFd holder(::socket(AF_INET, SOCK_DGRAM, 0));
-    struct sockaddr_in sa = wildcard(0);
+    struct sockaddr_in sa = {};
+    sa.sin_family = AF_INET;
     socklen_t len = sizeof sa;
-    ASSERT_EQ(::bind(holder.get(), reinterpret_cast<struct sockaddr*>(&sa), sizeof sa), 0);
-    ASSERT_EQ(::getsockname(holder.get(), reinterpret_cast<struct sockaddr*>(&sa), &len), 0);
+    auto* addr = reinterpret_cast<struct sockaddr*>(&sa);
+    ASSERT_EQ(::bind(holder.get(), addr, sizeof sa), 0);
+    ASSERT_EQ(::getsockname(holder.get(), addr, &len), 0);
     const std::string port = std::to_string(ntohs(sa.sin_port));
     EXPECT_EQ(open_socket(&sa), -1);
-    EXPECT_EQ(log.lines(),
-              Lines{"error: open_socket(): bind(0.0.0.0:" + port + "): Address already in use"});
-
-    log.clear();
-    int on = 1;
+    int on = 1, rcv = 0, snd = 0;
     ASSERT_EQ(::setsockopt(holder.get(), SOL_SOCKET, SO_REUSEADDR, &on, sizeof on), 0);
     UniqueFd so(open_socket(&sa));  // binds only with SO_REUSEADDR of its own
     ASSERT_TRUE(so.valid());
-    int rcv = 0, snd = 0;
-    socklen_t l = sizeof(int);
-    ::getsockopt(so.get(), SOL_SOCKET, SO_RCVBUF, &rcv, &l);
-    ::getsockopt(so.get(), SOL_SOCKET, SO_SNDBUF, &snd, &l);
-    EXPECT_EQ(log.lines(), Lines{"notice: open_socket(): BIND UDP 0.0.0.0:" + port + " RCVBUF=" +
-                                 std::to_string(rcv) + " SNDBUF=" + std::to_string(snd)});
-
+    len = sizeof(int);
+    ::getsockopt(so.get(), SOL_SOCKET, SO_RCVBUF, &rcv, &len);
+    ::getsockopt(so.get(), SOL_SOCKET, SO_SNDBUF, &snd, &len);
+    const std::string no_device = "error: get_interface_addr(): ioctl(SIOCGIFADDR): No such device";
+    EXPECT_EQ(log.lines(),
+              (Lines{no_device, no_device,
+                     "error: open_socket(): bind(0.0.0.0:" + port + "): Address already in use",
+                     "notice: open_socket(): BIND UDP 0.0.0.0:" + port +
+                         " RCVBUF=" + std::to_string(rcv) + " SNDBUF=" + std::to_string(snd)}));
     // It is the socket the peers reach: a datagram to the port arrives.
     holder.reset();
-    UniqueFd tx(::socket(AF_INET, SOCK_DGRAM, 0));
     sa.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-    ASSERT_EQ(::sendto(tx.get(), "hi", 2, 0, reinterpret_cast<struct sockaddr*>(&sa), sizeof sa),
-              2);
+    UniqueFd tx(::socket(AF_INET, SOCK_DGRAM, 0));
+    ASSERT_EQ(::sendto(tx.get(), "hi", 2, 0, addr, sizeof sa), 2);
     char buf[8];
     EXPECT_EQ(::recv(so.get(), buf, sizeof buf, 0), 2);
 }
 
-TEST(McastGroups, ListFromTheSetting) {
-    SavedSettings saved;
+TEST(Socket, MulticastGroupsFromTheSettingJoinedOnLoopback) {
+    struct Saved {  // puts back the settings this test changes
+        std::string address = cfg_multicast_address;
+        int port = cfg_bind_port, mode = cfg_unicast_mode;
+        ~Saved() {
+            std::tie(cfg_multicast_address, cfg_bind_port, cfg_unicast_mode) =
+                std::tie(address, port, mode);
+        }
+    } saved;
     test::LogCapture log;
     cfg_bind_port = 8123;
     cfg_multicast_address = " ,239.255.18.1, 239.255.18.2\t,,224.1 ";
@@ -102,18 +84,15 @@ TEST(McastGroups, ListFromTheSetting) {
     EXPECT_STREQ(groups[2].ipaddr, "224.1");
     EXPECT_EQ(groups[2].sa.sin_family, AF_INET);
     // The lines show each group's address and port as converted.
-    EXPECT_EQ(
-        log.lines(),
-        (Lines{"debug: parse_mcast_groups(): MULTICAST_GROUP: 239.255.18.1:8123 (239.255.18.1)",
-               "debug: parse_mcast_groups(): MULTICAST_GROUP: 239.255.18.2:8123 (239.255.18.2)",
-               "debug: parse_mcast_groups(): MULTICAST_GROUP: 224.0.0.1:8123 (224.1)"}));
-
+    const std::string group = "debug: parse_mcast_groups(): MULTICAST_GROUP: ";
+    EXPECT_EQ(log.lines(), (Lines{group + "239.255.18.1:8123 (239.255.18.1)",
+                                  group + "239.255.18.2:8123 (239.255.18.2)",
+                                  group + "224.0.0.1:8123 (224.1)"}));
     // Only separators: no group and no failure (the loop reports it missing).
     cfg_multicast_address = ", ,,  ";
     HostList none;
     EXPECT_EQ(parse_mcast_groups(&none), 0);
     EXPECT_TRUE(none.empty());
-
     // A malformed group stops the parse there; those before it stay.
     for (const std::string bad : {"239.255.18.1:9000", "239.255.018.0001", "groups.example"}) {
         log.clear();
@@ -125,62 +104,52 @@ TEST(McastGroups, ListFromTheSetting) {
         EXPECT_EQ(log.lines_containing("error:"),
                   Lines{"error: parse_mcast_groups(): Malformed multicast address: " + bad});
     }
-
     // The destinations of a datagram follow the mode in force.
     HostList unicast(1);
     cfg_unicast_mode = 1;
     EXPECT_EQ(&destination_list(unicast, groups), &unicast);
     cfg_unicast_mode = 0;
     EXPECT_EQ(&destination_list(unicast, groups), &groups);
-}
 
-TEST(McastGroups, JoinTwoOnLoopback) {
     // lo carries no MULTICAST flag, yet the kernel accepts memberships on it:
-    // the joins, the options and the memberships are all real here.
-    SavedSettings saved;
-    test::LogCapture log;
-    struct sockaddr_in if_addr = {}, any = wildcard(0);
+    // the joins, the options and the memberships are all real here. The
+    // groups are this process's own, so parallel runs cannot meet in /proc.
+    struct sockaddr_in if_addr = {}, any = {};
+    any.sin_family = AF_INET;
     ASSERT_EQ(get_interface_addr("lo", &if_addr), 0);
     UniqueFd so(open_socket(&any));
     ASSERT_TRUE(so.valid());
-
-    // Groups of this process's own, so parallel runs cannot meet in /proc.
     const unsigned pid = static_cast<unsigned>(::getpid());
     const std::string low = "." + std::to_string(pid / 256 % 256) + "." + std::to_string(pid % 256);
     const std::string g1 = "239.18" + low, g2 = "239.19" + low;
     cfg_multicast_address = g1 + ", " + g2;
-    HostList groups;
-    ASSERT_EQ(parse_mcast_groups(&groups), 0);
+    HostList mine;
+    ASSERT_EQ(parse_mcast_groups(&mine), 0);
     log.clear();
-    ASSERT_EQ(join_mcast_groups(so.get(), &if_addr, groups), 0);
-    EXPECT_EQ(log.lines(),
-              (Lines{"notice: add_mcast_membership(): JOIN MULTICAST " + g1 + "@127.0.0.1",
-                     "notice: add_mcast_membership(): JOIN MULTICAST " + g2 + "@127.0.0.1"}));
-
+    ASSERT_EQ(join_mcast_groups(so.get(), &if_addr, mine), 0);
     unsigned char loop = 1;
+    struct in_addr mif = {};
     socklen_t l = sizeof loop;
     ASSERT_EQ(::getsockopt(so.get(), IPPROTO_IP, IP_MULTICAST_LOOP, &loop, &l), 0);
     EXPECT_EQ(loop, 0);
-    struct in_addr mif = {};
     l = sizeof mif;
     ASSERT_EQ(::getsockopt(so.get(), IPPROTO_IP, IP_MULTICAST_IF, &mif, &l), 0);
     EXPECT_EQ(mif.s_addr, htonl(INADDR_LOOPBACK));
     // The kernel lists each group in hex of its bytes in network order.
-    std::stringstream igmp;
-    igmp << std::ifstream("/proc/net/igmp").rdbuf();
+    const std::string igmp = test::read_file("/proc/net/igmp");
     for (const std::string& g : {g1, g2}) {
         char hex[9];
         std::snprintf(hex, sizeof hex, "%08X", inet_addr(g.c_str()));
-        EXPECT_NE(igmp.str().find(hex), std::string::npos) << g;
+        EXPECT_NE(igmp.find(hex), std::string::npos) << g;
     }
-
     // Joining a unicast address fails with the system's reason.
-    log.clear();
     EXPECT_EQ(add_mcast_membership(so.get(), "127.0.0.2", &if_addr), -1);
     EXPECT_EQ(set_mcast_socket(-1, &if_addr), -1);
     EXPECT_EQ(
         log.lines(),
-        (Lines{"error: add_mcast_membership(): setsockopt(IP_ADD_MEMBERSHIP): Invalid argument",
+        (Lines{"notice: add_mcast_membership(): JOIN MULTICAST " + g1 + "@127.0.0.1",
+               "notice: add_mcast_membership(): JOIN MULTICAST " + g2 + "@127.0.0.1",
+               "error: add_mcast_membership(): setsockopt(IP_ADD_MEMBERSHIP): Invalid argument",
                "error: set_mcast_socket(): setsockopt(IP_MULTICAST_LOOP): Bad file descriptor"}));
 }
 
