@@ -24,7 +24,8 @@
 // on its own, as when a crash is reproduced, meets the fresh seed.
 //
 // Environment: CORVALD_FUZZ_LOG=1 prints the daemon's log lines (error level
-// and above) to standard error, to see what an input did.
+// and above) to standard error, to see what an input did; CORVALD_FUZZ_LOG=debug
+// prints every line, the record traces included.
 #include <arpa/inet.h>
 #include <dirent.h>
 #include <fcntl.h>
@@ -349,13 +350,13 @@ void setup() {
             die_errno("mkdir", dir);
     std::atexit(remove_top);
 
-    // As the daemon runs: its umask, inside its work directory, settings
-    // from the defaults with the store here, no lock waits (nothing else
-    // holds a lock, and a lock left behind is reported, not waited for) and
-    // a fence check that returns at once.
+    // As the daemon runs: its umask, settings from the defaults with the
+    // store here, no lock waits (nothing else holds a lock, and a lock left
+    // behind is reported, not waited for) and a fence check that returns at
+    // once. The daemon also enters its work directory; the target does not,
+    // since libFuzzer reads and writes its corpus and artifact paths relative
+    // to the directory it was started in (store paths never rely on it).
     ::umask(022);
-    if (::chdir(g_store) != 0)
-        die_errno("chdir", g_store);
     corvald::config_module_setup();
     corvald::cfg_work_directory = g_store;
     corvald::cfg_node_lock_timeout_ms = 0;
@@ -363,9 +364,10 @@ void setup() {
     corvald::cfg_vdisk_lock_timeout_ms = 0;
     corvald::cfg_path_lock_timeout_ms = 0;
     corvald::cfg_fence_check = "/bin/true";
-    ::setlogmask(LOG_UPTO(LOG_ERR));
     const char* log = std::getenv("CORVALD_FUZZ_LOG");
     g_log_to_stderr = log != nullptr && *log != '\0' && std::strcmp(log, "0") != 0;
+    const bool debug = g_log_to_stderr && std::strcmp(log, "debug") == 0;
+    ::setlogmask(LOG_UPTO(debug ? LOG_DEBUG : LOG_ERR));
 
     seed();
     check_store();
