@@ -223,6 +223,34 @@ def corpus():
         "heartbeat": hdr(HEARTBEAT, 2),
         # Node 1 drops the plain VDisk; node 2's member keeps the record.
         "vdisk_deleted": hdr(VDISK_DELETED, 1) + record(VDDE, VDDE_SIZE, dict(node=1, uuid=PLAIN)),
+        # Uuids of dots: allowed, and one byte away from "." and "..", which
+        # must never become a path component. Without them the fuzzer has to
+        # build a refused uuid at its exact offset from scratch.
+        "ds_ping_dotted_uuid": hdr(DS_PING, 3)
+        + record(DSE, DSE_SIZE, dict(uuid=b"...", name=b"dots", sector_size=512, replicas=1,
+                                     stripes=1)),
+        "ping_dotted_uuids": hdr(PING, 1)
+        + vdisk_block(PLAIN, 4, members12, ["127.0.0.1"])
+        + vdisk_block(SNAP, 4, members12, ["127.0.0.1"], parent=PLAIN)
+        + vdisk_block(b"...", 1, [1], ["10.0.0.1"])
+        + vdisk_block(b"a1b2c3d4e5f603", 1, [1], ["10.0.0.1"], parent=b"..."),
+        "vdisk_deleted_dotted_uuid": hdr(VDISK_DELETED, 1)
+        + record(VDDE, VDDE_SIZE, dict(node=1, uuid=b"...")),
+        # And the refused ones, each where a uuid becomes a path: "..", or a
+        # "/" that climbs out of the record's directory. They must be refused
+        # before any path is built; should a refusal go missing, the target
+        # stops at once on what they write outside the records.
+        "ds_ping_uuid_dotdot": hdr(DS_PING, 3)
+        + record(DSE, DSE_SIZE, dict(uuid=b"..", name=b"dots", sector_size=512)),
+        "ds_ping_uuid_slash": hdr(DS_PING, 3)
+        + record(DSE, DSE_SIZE, dict(uuid=b"../ds09", name=b"climbs", sector_size=512)),
+        "ping_refused_uuids": hdr(PING, 1)
+        + vdisk_block(b"..", 1, [1], ["10.0.0.1"])
+        + vdisk_block(b"../vd09", 1, [1], ["10.0.0.1"])
+        + vdisk_block(b"a1b2c3d4e5f604", 1, [1], ["10.0.0.1"], parent=b"..")
+        + vdisk_block(b"a1b2c3d4e5f605", 1, [1], ["10.0.0.1"], parent=b"../vd09"),
+        "vdisk_deleted_uuid_dotdot": hdr(VDISK_DELETED, 1)
+        + record(VDDE, VDDE_SIZE, dict(node=1, uuid=b"..")),
         "store_json": json_ping(STORE_JSON, 1, b'{"fuzz": [1, 2, 3]}'),
         "delete_json": json_ping(DELETE_JSON, 1, b""),
         "unknown_type": hdr(UNKNOWN_TYPE, 1),
