@@ -1,8 +1,9 @@
 #!/usr/bin/env python3
-"""Writes the seed corpus of the datagram fuzz target: one datagram of each
+"""Writes the seed corpus of the datagram fuzz target: a datagram of each
 kind, aimed at the store that the target seeds (its uuids, node ids and
 generation counts), so that the fuzzer starts from inputs that reach
-creations, updates, removals and snapshot links.
+creations, updates, removals and snapshot links; and, for each datagram that
+turns a uuid into a path, uuids on both sides of the refusal.
 
     fuzz/make_corpus.py [output directory]   (default: fuzz/corpus/datagram)
 
