@@ -128,6 +128,7 @@ TEST_F(AttrTest, LoadsAreTracedAndMkdirAndPathFailuresReported) {
     tmp_.write("Node/12/freespace", "42\n");
     tmp_.write("Node/12/sectors", "1099511627776\n");
     tmp_.write("Node/12/name", "abc\n");
+    tmp_.write("Node/12/stripes", "two\n");
     test::SyscallHooks hooks;
     RecordDir dir("DatastoreLoad");
     ASSERT_EQ(dir.set_path("%s", record_.c_str()), 0);
@@ -137,6 +138,7 @@ TEST_F(AttrTest, LoadsAreTracedAndMkdirAndPathFailuresReported) {
     char name[32] = {};
     EXPECT_EQ(dir.load_u32("freespace", &u), 0);
     EXPECT_EQ(u, 42u);
+    EXPECT_EQ(dir.load_u32("stripes", &u), -1);  // a text, converted to nothing
     EXPECT_EQ(dir.load_u64("sectors", &ull), 0);
     EXPECT_EQ(ull, 1099511627776ull);
     for (TextTrace t : {TextTrace::kWithLength, TextTrace::kPlain, TextTrace::kNone})
@@ -147,10 +149,11 @@ TEST_F(AttrTest, LoadsAreTracedAndMkdirAndPathFailuresReported) {
     EXPECT_EQ(hooks.fsync_calls(), 0);
 
     std::string d = "debug: DatastoreLoad(): ", p = d + record_;
+    std::string e = "error: DatastoreLoad(): Failed to load " + record_;
     std::string enoent = "/none/x): No such file or directory";
     EXPECT_EQ(log_.lines(),
-              (Lines{p + "/freespace=42", p + "/sectors=1099511627776", p + "/name=abc (3)",
-                     p + "/name=abc", d + root_ + "/none/x [MKDIR]",
+              (Lines{p + "/freespace=42", e + "/stripes: 0", p + "/sectors=1099511627776",
+                     p + "/name=abc (3)", p + "/name=abc", d + root_ + "/none/x [MKDIR]",
                      "error: DatastoreLoad(): mkdir(" + root_ + enoent, p + "/none/x [MKDIR]",
                      "error: DatastoreLoad(): mkdir(" + record_ + enoent}));
 
