@@ -59,16 +59,12 @@ TEST(Controller, ListFilesAreAppliedWholeOrNotAtAll) {
     const Lines two = {"notice: dump_unicast_hosts(): [1/2] 127.0.0.2",
                        "notice: dump_unicast_hosts(): [2/2] 127.1"};
     ASSERT_TRUE(d.wait_for(two.back()));
-    EXPECT_EQ(since(d, 0, "load_local_nodes():"),
-              (Lines{"notice: load_local_nodes(): Loading " + nodes,
-                     "debug: load_local_nodes(): LOCAL_NODE: 1 (1)",
-                     "debug: load_local_nodes(): LOCAL_NODE: 2 (2)",
-                     "debug: load_local_nodes(): LOCAL_NODE: 17 (17 word)"}));
-    EXPECT_EQ(
-        since(d, 0, "load_unicast_hosts():"),
-        (Lines{"notice: load_unicast_hosts(): Loading " + hosts,
-               "debug: load_unicast_hosts(): UNICAST_HOST: 127.0.0.2:" + port + " (127.0.0.2)",
-               "debug: load_unicast_hosts(): UNICAST_HOST: 127.0.0.1:" + port + " (127.1)"}));
+    const std::string node = "debug: load_local_nodes(): LOCAL_NODE: ";
+    const std::string host = "debug: load_unicast_hosts(): UNICAST_HOST: 127.0.0.";
+    EXPECT_EQ(since(d, 0, "load_"),
+              (Lines{"notice: load_local_nodes(): Loading " + nodes, node + "1 (1)", node + "2 (2)",
+                     node + "17 (17 word)", "notice: load_unicast_hosts(): Loading " + hosts,
+                     host + "2:" + port + " (127.0.0.2)", host + "1:" + port + " (127.1)"}));
     EXPECT_EQ(since(d, 0, "dump_"), (Lines{three[0], three[1], three[2], two[0], two[1]}));
     ASSERT_TRUE(d.wait_handler(SIGHUP));
 
