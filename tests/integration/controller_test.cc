@@ -59,54 +59,43 @@ TEST(Controller, ListFilesAreAppliedWholeOrNotAtAll) {
     const Lines two = {"notice: dump_unicast_hosts(): [1/2] 127.0.0.2",
                        "notice: dump_unicast_hosts(): [2/2] 127.1"};
     ASSERT_TRUE(d.wait_for(two.back()));
-    EXPECT_EQ(since(d, 0, "load_local_nodes():"),
-              (Lines{"notice: load_local_nodes(): Loading " + nodes,
-                     "debug: load_local_nodes(): LOCAL_NODE: 1 (1)",
-                     "debug: load_local_nodes(): LOCAL_NODE: 2 (2)",
-                     "debug: load_local_nodes(): LOCAL_NODE: 17 (17 word)"}));
-    EXPECT_EQ(
-        since(d, 0, "load_unicast_hosts():"),
-        (Lines{"notice: load_unicast_hosts(): Loading " + hosts,
-               "debug: load_unicast_hosts(): UNICAST_HOST: 127.0.0.2:" + port + " (127.0.0.2)",
-               "debug: load_unicast_hosts(): UNICAST_HOST: 127.0.0.1:" + port + " (127.1)"}));
+    const std::string node = "debug: load_local_nodes(): LOCAL_NODE: ";
+    const std::string host = "debug: load_unicast_hosts(): UNICAST_HOST: 127.0.0.";
+    EXPECT_EQ(since(d, 0, "load_"),
+              (Lines{"notice: load_local_nodes(): Loading " + nodes, node + "1 (1)", node + "2 (2)",
+                     node + "17 (17 word)", "notice: load_unicast_hosts(): Loading " + hosts,
+                     host + "2:" + port + " (127.0.0.2)", host + "1:" + port + " (127.1)"}));
     EXPECT_EQ(since(d, 0, "dump_"), (Lines{three[0], three[1], three[2], two[0], two[1]}));
     ASSERT_TRUE(d.wait_handler(SIGHUP));
 
     // Before each reload both files are put back and one of them replaced
-    // ("-": removed). A refused file leaves the list in force as it was.
+    // ("-": removed). A refused file leaves the list in force as it was; an
+    // accepted one is dumped as its new list.
     const std::string bad_nodes = "error: load_local_nodes(): Malformed file " + nodes;
     const std::string bad_host = "error: load_unicast_hosts(): Malformed unicast address: ";
     const std::string enoent = "): No such file or directory";
     const struct {
         std::string file, content, error;
-        Lines nodes_dump, hosts_dump;
+        Lines dump;  // of the list the file holds; the old one after an error
     } cases[] = {
-        {"local_nodes", "1\n2", bad_nodes, three, two},
-        {"local_nodes", "1\nabc\n", bad_nodes, three, two},
-        {"local_nodes", "1\n0\n", bad_nodes, three, two},
-        {"local_nodes", "1\n   \n", bad_nodes, three, two},
-        {"local_nodes", "1\n4294967296\n", bad_nodes, three, two},
-        {"local_nodes", "5" + std::string(254, ' ') + "\n", bad_nodes, three,
-         two},  // 255 characters
-        {"local_nodes", "-", "error: load_local_nodes(): fopen(" + nodes + enoent, three, two},
-        // A port is no part of the syntax; 16 characters are too many; a name is no address.
-        {"unicast_hosts", "127.0.0.3\n127.0.0.2:8000\n", bad_host + "127.0.0.2:8000", three, two},
-        {"unicast_hosts", "127.0.0.3\n127.000.000.0002\n", bad_host + "127.000.000.0002", three,
-         two},
-        {"unicast_hosts", "127.0.0.3\nlocalhost\n", bad_host + "localhost", three, two},
-        {"unicast_hosts", "-", "error: load_unicast_hosts(): fopen(" + hosts + enoent, three, two},
+        {"local_nodes", "1\n2", bad_nodes, three},
+        {"local_nodes", "1\n0\n", bad_nodes, three},
+        {"local_nodes", "1\n4294967296\n", bad_nodes, three},  // the low 32 bits are 0
+        {"local_nodes", "5" + std::string(254, ' ') + "\n", bad_nodes, three},  // 255 characters
+        {"local_nodes", "-", "error: load_local_nodes(): fopen(" + nodes + enoent, three},
+        // A port is no part of the syntax; 16 characters are too many.
+        {"unicast_hosts", "127.0.0.3\n127.0.0.2:8000\n", bad_host + "127.0.0.2:8000", two},
+        {"unicast_hosts", "127.0.0.3\n127.000.000.0002\n", bad_host + "127.000.000.0002", two},
         // The longest lines there are: 254 characters and the newline, and
         // 15 characters; a file without entries is an empty list.
         {"local_nodes",
          "5" + std::string(253, ' ') + "\n",
          "",
-         {"notice: dump_local_nodes(): [1/1] 5"},
-         two},
-        {"local_nodes", "# nothing here\n", "", {}, two},
+         {"notice: dump_local_nodes(): [1/1] 5"}},
+        {"local_nodes", "# nothing here\n", "", {}},
         {"unicast_hosts",
          "127.000.000.002\n",
          "",
-         three,
          {"notice: dump_unicast_hosts(): [1/1] 127.000.000.002"}},
     };
     for (const auto& c : cases) {
@@ -115,14 +104,14 @@ TEST(Controller, ListFilesAreAppliedWholeOrNotAtAll) {
         dir.write("unicast_hosts", good_hosts);
         if (c.content == "-")
             std::remove((dir / c.file).c_str());
-        if (c.content != "-")
+        else
             dir.write(c.file, c.content);
         size_t m = d.mark();
         d.signal(SIGHUP);
-        ASSERT_TRUE(d.wait_for_after(m, c.hosts_dump.back())) << "no reload after SIGHUP";
+        const std::string last = c.file == "unicast_hosts" ? c.dump.back() : two.back();
+        ASSERT_TRUE(d.wait_for_after(m, last)) << "no reload after SIGHUP";
         EXPECT_EQ(since(d, m, "error: load_"), c.error.empty() ? Lines{} : Lines{c.error});
-        EXPECT_EQ(since(d, m, "dump_local_nodes"), c.nodes_dump);
-        EXPECT_EQ(since(d, m, "dump_unicast_hosts"), c.hosts_dump);
+        EXPECT_EQ(since(d, m, "dump_" + c.file), c.dump);
     }
     stop(d);
 }
@@ -140,10 +129,7 @@ TEST(Controller, StatisticsCountReceivedDatagramsByType) {
         "ALL=0/0 PING=0/0 DS_PING=0/0 AUX_PING=0/0 SV_PING=0/0 VDISK_DEL=0/0 HEARTBEAT=0/0 "
         "ST_JSON=0/0 ";
     const std::string zeros_tx = "notice: stats(): TX: " + counters;  // ends with a blank
-    ASSERT_TRUE(d.wait_for("stats(): TX:"));
-    EXPECT_EQ(d.matching("stats(): RX:").front(),
-              "notice: stats(): RX: " + counters + "UNKNOWN=0/0");
-    EXPECT_EQ(d.matching("stats(): TX:").front(), zeros_tx);
+    ASSERT_TRUE(d.wait_for("notice: stats(): RX: " + counters + "UNKNOWN=0/0"));
 
     size_t m = d.mark();
     ASSERT_TRUE(send_datagram(std::string(206, '\0'), cfg.bind_port()));
@@ -172,17 +158,16 @@ TEST(Controller, StatisticsCountReceivedDatagramsByType) {
     EXPECT_EQ(sums, (std::vector<long long>{12, 1, 1, 1, 1, 1, 1, 2, 4}));
     EXPECT_EQ(since(d, m, "stats(): TX:"), Lines(since(d, m, "stats(): TX:").size(), zeros_tx));
 
-    // One receive trace per datagram of at least a header, from the
-    // sender's address; the unknown types with their header dump.
+    // One receive trace per datagram of at least a header (each awaited
+    // above by its sender's address) with its length; the unknown types
+    // with their header dump.
     auto traces = since(d, m, "recvfrom(");
     ASSERT_EQ(traces.size(), types.size());
-    EXPECT_EQ(traces[0].rfind("debug: controller_thread_loop(): recvfrom(127.0.0.3:", 0), 0u);
     EXPECT_EQ(traces[1].substr(traces[1].size() - 6), "): 400");
     const std::string unknown = "error: controller_thread_loop(): Received unknown header type ";
     EXPECT_EQ(since(d, m, "Received unknown header type"),
               (Lines{unknown + "5", unknown + "5", unknown + "200", unknown + "0"}));
     EXPECT_EQ(since(d, m, "debug: hdr_dump(): type=").size(), 4u);
-    EXPECT_EQ(since(d, m, "debug: hdr_dump(): type=200 [UNKNOWN]").size(), 1u);
     stop(d);
 }
 

