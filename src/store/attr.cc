@@ -185,6 +185,13 @@ int StoreMkdir(const char* op, const char* path) {
     return 0;
 }
 
+int RemoveEmptyDir(const char* op, const char* path) {
+    if (::rmdir(path) == 0 || errno == ENOENT) return 0;
+    if (errno == ENOTEMPTY || errno == EEXIST) return 1;
+    CV_ERROR_AS(op, "rmdir(%s): %s", path, std::strerror(errno));
+    return -1;
+}
+
 int RecordDir::set_path(const char* fmt, ...) {
     va_list ap;
     va_start(ap, fmt);

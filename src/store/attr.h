@@ -55,6 +55,12 @@ void ReportLoadFailure(const char* op, const char* dirpath, const char* key, int
 // already counts as made. 0, or -1 after "mkdir(<path>): <error>".
 int StoreMkdir(const char* op, const char* path);
 
+// Removes the directory path if it is empty: how a record learns whether any
+// member is left without reading the directory, and with nothing to race
+// with. 0 when removed (or already gone), 1 when entries remain, -1 after
+// "rmdir(<path>): <error>" under op's name.
+int RemoveEmptyDir(const char* op, const char* path);
+
 // How RecordDir::load_text traces the value it read.
 enum class TextTrace {
     kWithLength,  // "<dir>/<key>=<text> (<length>)"

@@ -121,18 +121,11 @@ int DatastoreUpdate_UnrefNode(const char* dsuuid, const char* nodeuuid) {
         return -1;
     }
 
-    // rmdir succeeds only on an empty "members": the cheapest way to learn
-    // whether any member is left, and it leaves nothing to race with.
     char members[kStorePathMax + 1];
     std::snprintf(members, sizeof members, "%s/Datastore/%s/members", root, dsuuid);
-    if (::rmdir(members) < 0) {
-        if (errno == ENOTEMPTY || errno == EEXIST)
-            return 0;
-        if (errno != ENOENT) {
-            CV_ERROR("rmdir(%s): %s", members, std::strerror(errno));
-            return -1;
-        }
-    }
+    int left = RemoveEmptyDir(__func__, members);
+    if (left != 0)
+        return left > 0 ? 0 : -1;
 
     char record[kStorePathMax + 1];
     std::snprintf(record, sizeof record, "%s/Datastore/%s", root, dsuuid);

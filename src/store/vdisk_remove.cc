@@ -157,21 +157,14 @@ int VDiskGone(const Hdr* hdr, const VDisk* vdisk) {
     if (MemberinfoDelete(vdisk, nodeuuid) < 0)
         return -1;
 
-    // rmdir removes "memberinfo" only when it is empty: whether any member is
-    // left is answered without reading the directory, and a member record
-    // that is there keeps the whole record.
+    // A member record that is still there keeps the whole record.
     const char* root = cfg_work_directory.c_str();
     StorePath members;
     if (!build_path(members, "%s/VDisk/%s/memberinfo", root, vdisk->vdiskuuid))
         return -1;
-    if (::rmdir(members) < 0) {
-        if (errno == ENOTEMPTY || errno == EEXIST)
-            return 0;
-        if (errno != ENOENT) {
-            CV_ERROR("rmdir(%s): %s", members, std::strerror(errno));
-            return -1;
-        }
-    }
+    int left = RemoveEmptyDir(__func__, members);
+    if (left != 0)
+        return left > 0 ? 0 : -1;
 
     // The links into the record go before the record, each under its own
     // lock and each lock given up before the next is taken.
