@@ -6,6 +6,7 @@
 #include <sched.h>
 #include <signal.h>
 #include <sys/mount.h>
+#include <sys/prctl.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
 #include <sys/un.h>
@@ -137,6 +138,9 @@ Daemon::Daemon(const std::vector<std::string>& args, const TempDir& work, LogVia
     if (child_ < 0)
         throw std::runtime_error("fork");
     if (child_ == 0) {
+        // A foreground daemon dies with the test process, even one that
+        // crashed. (A detached one outlives it: its pid file holds the pid.)
+        ::prctl(PR_SET_PDEATHSIG, SIGKILL);
         ::dup2(p[1], 1);
         ::dup2(p[1], 2);
         // A private /dev holding only null and the test's log socket.
