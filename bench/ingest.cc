@@ -159,6 +159,14 @@ Hdr peer_header(uint32_t uid, uint8_t type) {
     return h;
 }
 
+// Formats exactly width characters into a text field of that width.
+void fill(char* field, size_t width, const char* fmt, unsigned uid, int i) {
+    char text[64];
+    int n = std::snprintf(text, sizeof text, fmt, uid, i);
+    check(n == static_cast<int>(width), "fill", fmt);
+    std::memcpy(field, text, width);
+}
+
 using Datagram = std::vector<char>;
 
 Datagram vdisk_ping(int set, int peer) {
@@ -173,12 +181,15 @@ Datagram vdisk_ping(int set, int peer) {
         VDiskEntry e = {};
         std::memcpy(e.uuid, vdisk_uuid(set, peer, i).data(), sizeof e.uuid);
         vde_encode_mshipgencnt(&e, &h, kGeneration);
-        std::snprintf(e.name.name, sizeof e.name.name, "bench disk %u.%d", uid, i);
+        // Name and description fill their fields, with no zero byte to end
+        // them: the stored text is bounded by the width alone.
+        fill(e.name.name, sizeof e.name.name, "bench plain disk %05u.%02d/40", uid, i);
         e.sector_size = 512;
         e.numkeys = 1024;
         e.sectors = 2097152;
         e.seqno = 77;
-        std::snprintf(e.description.descr, sizeof e.description.descr, "bench plain disk");
+        fill(e.description.descr, sizeof e.description.descr, "plain disk %05u.%02d of the bench",
+             uid, i);
         e.status = 1;
         e.port = 3260;
         e.replicas = 2;
