@@ -5,18 +5,26 @@
 #include <cstddef>
 #include <cstdint>
 #include <cstdio>
+#include <cstdlib>
 #include <string>
 
 #include "base/config.h"
 #include "base/config_internal.h"
 
+namespace {
+// The one file of this process, removed when it ends.
+char g_path[] = "/tmp/corvald-config-fuzz-XXXXXX";
+}  // namespace
+
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
-    static std::string path = [] {
-        char templ[] = "/tmp/corvald-config-fuzz-XXXXXX";
-        int fd = ::mkstemp(templ);
+    static const bool made = [] {
+        int fd = ::mkstemp(g_path);
         ::close(fd);
-        return std::string(templ);
+        std::atexit([] { ::unlink(g_path); });
+        return fd >= 0;
     }();
+    (void)made;
+    const std::string path = g_path;
     FILE* f = std::fopen(path.c_str(), "w");
     std::fwrite(data, 1, size, f);
     std::fclose(f);
