@@ -742,12 +742,26 @@ std::string call_and_result(const std::string& line) {
     return name == "getpid" ? name : name + line.substr(eq);
 }
 
+// Calls of the allocator, not of the store: a sanitizer's allocator makes
+// them at will, and so may malloc's first growth of the heap in a feed. The
+// count table still shows them.
+bool memory_call(const std::string& call) {
+    for (const char* name : {"brk", "mmap", "munmap", "mremap", "mprotect", "madvise"}) {
+        size_t n = std::strlen(name);
+        if (call.compare(0, n, name) == 0 && call.compare(n, 3, " = ") == 0)
+            return true;
+    }
+    return false;
+}
+
 // The calls of one feed of mode in the order strace -f logs them, from the
-// first lock (the first call of a feed) to the exit; empty when strace could
-// not run.
+// first lock (its getpid is the first call of a feed) to the exit and
+// without the allocator's; empty when strace could not run. The start-up
+// calls before it (a sanitizer's runtime calls getpid too) are left out.
 std::vector<std::string> call_sequence(const char* phase, const char* mode) {
     std::string out = g_root + ".trace";
     std::vector<std::string> calls;
+    size_t first = std::string::npos;
     std::ifstream in;
     if (run_traced("-f", out, phase, mode, 1))
         in.open(out);
@@ -756,10 +770,16 @@ std::vector<std::string> call_sequence(const char* phase, const char* mode) {
         std::string c = call_and_result(line);
         if (c.rfind("exit_group", 0) == 0)
             break;
-        if (c == "getpid" || (!calls.empty() && !c.empty()))
+        if (first == std::string::npos && !calls.empty() && calls.back() == "getpid" &&
+            line.find("/locks/") != std::string::npos)
+            first = calls.size() - 1;
+        if (!c.empty() && !memory_call(c))
             calls.push_back(c);
     }
     ::unlink(out.c_str());
+    if (first == std::string::npos)
+        return {};
+    calls.erase(calls.begin(), calls.begin() + static_cast<std::ptrdiff_t>(first));
     return calls;
 }
 
