@@ -22,7 +22,8 @@
 //                 record; unlock
 //     stale check lock; opendir Node/<id>/vdisks, lstat of every entry,
 //                 closedir; unlock (nothing is stale)
-//   steady state  (the same PINGs again: G equals H, no fence check):
+//   steady state  (the same PINGs again: the announced generation equals the
+//                 stored highest one, so no fence check):
 //     node        as above
 //     per VDisk   lock; mkdir VDisk (there), lstat the record, open it and
 //                 memberinfo, fstatat and open memberinfo/<id>; write seqno,
@@ -37,7 +38,7 @@
 // lseek(END), lseek(SET), read, close; a lock getpid, open(O_CREAT|O_EXCL),
 // write, fsync, close, and its release an unlink.
 //
-// Of these the rules ask for all but two: getpid is called for every lock
+// The store's work needs all of these but two: getpid is called for every lock
 // although the pid never changes (store/lock.cc, PathLock), and FileLoad
 // finds the size of "membership" with lseek(END) and then rewinds with
 // lseek(SET) where one fstat, or a pread from 0, would do (store/attr.cc,
@@ -873,7 +874,7 @@ struct Rates {
 
 Rates run_phase(bool creation) {
     std::printf("  -- %s\n", creation ? "creation: no VDisk records yet"
-                                      : "steady state: the same PINGs again, G equal to H");
+                                      : "steady state: the same PINGs again, same generation");
     // A steady feed needs the first peers' records: one creation, left in
     // place for the counts and the timing.
     if (!creation) {
@@ -889,7 +890,7 @@ Rates run_phase(bool creation) {
         print_counts(real, bare);
         // Both make them: the bare program is the floor of this sequence.
         std::printf(
-            "  not required by the rules, made by both:\n"
+            "  calls the work does not need, made by both:\n"
             "    getpid %5ld  one per lock taken, though the pid never changes\n"
             "                  (store/lock.cc, PathLock)\n",
             real["getpid"].calls);
