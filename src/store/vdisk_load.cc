@@ -34,13 +34,19 @@ namespace {
 constexpr int kListMax = UINT16_MAX;
 
 // Reads the list file key of dirfd whole into *text (left empty for an
-// empty file); the byte count, or -1 after the helpers' messages.
-ssize_t load_list(int dirfd, const char* key, UniqueChars* text) {
+// empty file); the byte count, or -1 after the helpers' messages or, when the
+// last line has no line feed, after "Malformed file <shown>" under op's name.
+ssize_t load_list(const char* op, int dirfd, const char* key, const char* shown,
+                  UniqueChars* text) {
     UniqueFd fd(fd_openat(dirfd, key, O_RDONLY, 0));
     if (!fd) return -1;
     char* buf = nullptr;
     ssize_t n = FileLoad(fd.get(), &buf);
     text->reset(buf);
+    if (n > 0 && buf[n - 1] != '\n') {
+        CV_ERROR_AS(op, "Malformed file %s", shown);
+        return -1;
+    }
     return n;
 }
 
@@ -181,23 +187,21 @@ int VDiskLoad(const Node* node, VDisk* vdisk) {
 
 int MembershipLoad(MemberList* members, int* members_count, const char* vdiskpath, int vdiskfd) {
     assert(members->empty());
+    char shown[kStorePathMax + 1];
+    std::snprintf(shown, sizeof shown, "%s/membership", vdiskpath);
     UniqueChars text;
-    ssize_t n = load_list(vdiskfd, "membership", &text);
+    ssize_t n = load_list(__func__, vdiskfd, "membership", shown, &text);
     if (n < 0) return -1;
     int count = 0;
     char* pos = text.get();
     char* end = pos + n;
-    if (n > 0 && end[-1] != '\n') {
-        CV_ERROR("Malformed file %s/membership", vdiskpath);
-        return -1;
-    }
     while (pos < end) {
         // One line at a time: strtoul skips leading white space, line feeds
         // included, and would take an empty line's number from the next.
         const char* line = next_line(&pos, end);
         auto node = static_cast<uint32_t>(std::strtoul(line, nullptr, 10));
         if (node == 0 || count == kListMax) {
-            CV_ERROR("Malformed file %s/membership", vdiskpath);
+            CV_ERROR("Malformed file %s", shown);
             return drop(members);
         }
         Member& member = members->emplace_back();
@@ -213,22 +217,20 @@ int MembershipLoad(MemberList* members, int* members_count, const char* vdiskpat
 int FrontendsLoad(FrontendList* frontends, int* frontends_count, const char* vdiskpath,
                   const char* nodeuuid, int mbfd) {
     assert(frontends->empty());
+    // Reported as the membership file is, with the path of the member
+    // record's file, so both list files report alike.
+    char shown[kStorePathMax + 1];
+    std::snprintf(shown, sizeof shown, "%s/memberinfo/%s/frontend", vdiskpath, nodeuuid);
     UniqueChars text;
-    ssize_t n = load_list(mbfd, "frontend", &text);
+    ssize_t n = load_list(__func__, mbfd, "frontend", shown, &text);
     if (n < 0) return -1;
     int count = 0;
     char* pos = text.get();
     char* end = pos + n;
-    // Worded as the membership file's line, with the path of the member
-    // record's file, so both list files report alike.
-    if (n > 0 && end[-1] != '\n') {
-        CV_ERROR("Malformed file %s/memberinfo/%s/frontend", vdiskpath, nodeuuid);
-        return -1;
-    }
     while (pos < end) {
         const char* line = next_line(&pos, end);
         if (count == kListMax) {
-            CV_ERROR("Malformed file %s/memberinfo/%s/frontend", vdiskpath, nodeuuid);
+            CV_ERROR("Malformed file %s", shown);
             return drop(frontends);
         }
         uint32_t addr = 0;
