@@ -9,7 +9,9 @@
 
 #include <cstddef>
 
+#include "net/netlib.h"
 #include "store/object.h"
+#include "util/unique_fd.h"
 
 namespace corvald {
 
@@ -61,6 +63,32 @@ int xmit_msg(const char* buf, size_t msglen, int so, int idx);
 void send_pings(char* buf, size_t buflen, int so);
 // The HEARTBEAT of every local node.
 void send_heartbeats(char* buf, size_t buflen, int so);
+
+// Control channel (control.cc). One accepted connection; buf holds
+// msg_buffer_size bytes, the last read NUL-terminated.
+struct CtrlConn {
+    int so = -1;         // -1 until accepted
+    int port = 0;        // client's port, host order
+    char addr[16] = {};  // client's address, dotted text
+    UniqueChars buf;
+};
+// Runs the command line at the start of ccp->buf, building its datagrams in
+// buf (buflen bytes) and sending them on so. 0 or -1 (not used by the loop).
+int handle_ctrl_cmd(CtrlConn* ccp, char* buf, size_t buflen, int so);
+
+// JSON commands and pings (json_commands.cc).
+// "store_json" (is_store 1) or "delete_json" (0): the command line of
+// in_buflen bytes in in_buf is parsed, announced and applied locally. 0 or -1.
+int json_cmd_handler(char* in_buf, size_t in_buflen, char* buf, size_t buflen, int so,
+                     int is_store);
+// Builds and sends the STORE_JSON or DELETE_JSON datagram (type) of the
+// entry with the jsonlen bytes at json as its text. xmit_msg's result, or -1
+// when no local node could be loaded or the datagram does not fit.
+int send_json_ping(jsonEntry* jsonobj, const char* json, char* buf, size_t buflen, int so,
+                   unsigned char type);
+// Re-announces every document of the local-files index. 0, or -1 when the
+// index path does not fit.
+int send_pings_json(char* buf, size_t buflen, int so);
 
 // Whether the loop's select set can watch fd. A descriptor at or above
 // FD_SETSIZE cannot be put into an fd_set without writing past it, so the
