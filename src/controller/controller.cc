@@ -20,6 +20,7 @@
 #include "controller/controller_internal.h"
 #include "controller/stats.h"
 #include "net/socket.h"
+#include "store/json_store.h"
 #include "util/io.h"
 #include "util/unique_fd.h"
 
@@ -198,9 +199,9 @@ void run_periodic_tasks(LoopRun* lp) {
         heartbeat_ts = std::time(nullptr);
     }
     if (due(json_ping_ts, cfg_json_ping_interval)) {
-        // send_pings_json(lp->buf.get(), lp->buflen, lp->so.get()) goes here.
+        send_pings_json(lp->buf.get(), lp->buflen, lp->so.get());
         json_ping_ts = std::time(nullptr);
-        // json_timeout_check(json_ping_ts) goes here.
+        json_timeout_check(json_ping_ts);
     }
 }
 

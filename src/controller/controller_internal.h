@@ -81,6 +81,12 @@ int handle_ctrl_cmd(CtrlConn* ccp, char* buf, size_t buflen, int so);
 // in_buflen bytes in in_buf is parsed, announced and applied locally. 0 or -1.
 int json_cmd_handler(char* in_buf, size_t in_buflen, char* buf, size_t buflen, int so,
                      int is_store);
+// Clears ofbuflen bytes of ofbuff and copies the inbuflen bytes of inbuf
+// there when they fit with a terminating zero; 0, or -1 (logged, cleared).
+int copyParam(const char* inbuf, size_t inbuflen, char* ofbuff, size_t ofbuflen);
+// Fills nodeuuid, path, filename and jsonlen from the command line of buflen
+// bytes and points *text at the JSON text in it. 0, or -1.
+int parse_json_params(jsonEntry* json, const char** text, const char* buf, size_t buflen);
 // Builds and sends the STORE_JSON or DELETE_JSON datagram (type) of the
 // entry with the jsonlen bytes at json as its text. xmit_msg's result, or -1
 // when no local node could be loaded or the datagram does not fit.

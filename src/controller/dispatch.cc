@@ -16,6 +16,7 @@
 #include "net/datagram.h"
 #include "net/netlib.h"
 #include "store/datastore.h"
+#include "store/json_store.h"
 #include "store/lock.h"
 #include "store/node.h"
 #include "store/object.h"
@@ -197,7 +198,14 @@ void handle_json_ping(const Received& rx) {
         CV_ERROR_AS(kLoop, "Malformed JSON ping empty payload");
         return;
     }
-    // Handing the document to the JSON store comes with that store.
+    // The text runs from behind the record and its offset bytes to the end;
+    // the store checks path and filename before it touches anything.
+    std::string_view text = rx.rd.tail(JSON_TEXT_OFFSET + static_cast<size_t>(je.offset));
+    je.jsonlen = text.size();
+    if (rx.hdr.type == msg::STORE_JSON)
+        json_store_handle_ping(&je, text.empty() ? "" : text.data());
+    else
+        json_delete_local_files(&je);
 }
 
 // Counts the datagram under its type and runs that type's handler. Every

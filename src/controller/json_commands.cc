@@ -1,0 +1,268 @@
+// JSON documents handed in by local clients: the "store_json" and
+// "delete_json" commands, the STORE_JSON / DELETE_JSON datagram that
+// announces one, and the periodic re-announcement of every document this
+// host listed in its local-files index.
+//
+// A command line reads  <keyword><ignored>|<node>|<path>|<filename>|<text>
+// where the text runs to the end of the line and may itself hold "|".
+#include <fcntl.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstdio>
+#include <cstring>
+#include <string_view>
+#include <vector>
+
+#include "base/config.h"
+#include "base/log.h"
+#include "base/unique_file.h"
+#include "controller/controller_internal.h"
+#include "controller/stats.h"
+#include "net/datagram.h"
+#include "store/json_store.h"
+#include "store/lock.h"
+#include "store/node.h"
+
+namespace corvald {
+
+namespace {
+
+// The parameters in their order on the command line; LAST is the text.
+enum storeJsonParameters { NODEUUID = 0, PATH = 1, FILENAME = 2, LAST = 3 };
+
+constexpr char kSeparator = '|';
+
+// The local node whose id text is nodeuuid (compared within the 16-byte
+// field), or nullptr.
+Node* find_local_node(const char* nodeuuid) {
+    for (auto& n : local_nodes)
+        if (std::strncmp(n->nodeuuid, nodeuuid, sizeof jsonEntry::nodeuuid) == 0) return n.get();
+    return nullptr;
+}
+
+// Prepares, locks and loads node; 0, -1 when the lock failed, -2 when the
+// load failed (the lock is then released again). The lock stays held on 0.
+int lock_and_load(Node* node) {
+    prepare_local_node(node);
+    if (NodeLock(node->nodeid) < 0) return -1;
+    if (NodeLoad(node) < 0) {
+        NodeUnlock(node->nodeid);
+        return -2;
+    }
+    return 0;
+}
+
+// Reads up to cap bytes of the document file into text; the count, or -1.
+// A link at the file's place is not followed, as when the store writes it.
+ssize_t read_document(const char* path, char* text, size_t cap) {
+    UniqueFd fd(::open(path, O_RDONLY | O_NOFOLLOW | O_CLOEXEC));
+    if (!fd) return -1;
+    size_t got = 0;
+    while (got < cap) {
+        ssize_t n = ::read(fd.get(), text + got, cap - got);
+        if (n < 0 && errno == EINTR) continue;
+        if (n < 0) return -1;
+        if (n == 0) break;
+        got += static_cast<size_t>(n);
+    }
+    return static_cast<ssize_t>(got);
+}
+
+}  // namespace
+
+int copyParam(const char* inbuf, size_t inbuflen, char* ofbuff, size_t ofbuflen) {
+    std::memset(ofbuff, 0, ofbuflen);
+    // Strictly less: the field keeps its terminating zero on the wire and in
+    // the metadata file.
+    if (inbuflen >= ofbuflen) {
+        CV_ERROR("Too big parameter max size %zu", ofbuflen);
+        return -1;
+    }
+    std::memcpy(ofbuff, inbuf, inbuflen);
+    return 0;
+}
+
+int parse_json_params(jsonEntry* json, const char** text, const char* buf, size_t buflen) {
+    int param = -1;  // nothing before the first separator counts
+    size_t start = 0;
+    for (size_t i = 0; i < buflen; i++) {
+        if (buf[i] != kSeparator) continue;
+        const char* p = buf + start;
+        const size_t n = i - start;
+        start = i + 1;
+        switch (param++) {
+            case -1:
+                continue;
+            case NODEUUID:
+                if (copyParam(p, n, json->nodeuuid, sizeof json->nodeuuid) < 0) {
+                    CV_ERROR("Failed to handle uuid param CTRL store_json");
+                    return -1;
+                }
+                continue;
+            case PATH:
+                if (copyParam(p, n, json->path, sizeof json->path) < 0) {
+                    CV_ERROR("Failed to handle path param CTRL store_json");
+                    return -1;
+                }
+                continue;
+            case FILENAME:
+                if (copyParam(p, n, json->filename, sizeof json->filename) < 0) {
+                    CV_ERROR("Failed to get filename param CTRL store_json");
+                    return -1;
+                }
+                break;
+        }
+        // Right after the file name: the rest of the line is the text, "|"
+        // and all, unlooked at.
+        if (start >= buflen) {
+            CV_ERROR("Failed to get json param CTRL store_json");
+            return -1;
+        }
+        *text = buf + start;
+        json->jsonlen = buflen - start;
+        return 0;
+    }
+    return -1;  // the line ended before its fourth separator
+}
+
+int json_cmd_handler(char* in_buf, size_t in_buflen, char* buf, size_t buflen, int so,
+                     int is_store) {
+    const char* kind = is_store ? "STORE" : "DELETE";
+    jsonEntry je = {};
+    const char* text = nullptr;
+    if (parse_json_params(&je, &text, in_buf, in_buflen) < 0) {
+        CV_ERROR("%s JSON failed to parse parameters", kind);
+        return -1;
+    }
+    CV_NOTICE("%s JSON Command nodeuuid %s | path %s | filename %s | jsonlen %zu", kind,
+              je.nodeuuid, je.path, je.filename, static_cast<size_t>(je.jsonlen));
+    // A name that leads out of the JSON tree is refused here, before it is
+    // announced: every peer would refuse it as well, and the cluster should
+    // not carry it at all.
+    if (json_entry_refused(&je)) return -1;
+    const unsigned char type = is_store ? msg::STORE_JSON : msg::DELETE_JSON;
+    if (send_json_ping(&je, text, buf, buflen, so, type) < 0) {
+        CV_ERROR("%s JSON Failed to send ping", kind);
+        return -1;
+    }
+    if (is_store) {
+        if (json_write_local_files(&je, text) < 0) {
+            CV_ERROR("STORE JSON Failed to write local files");
+            return -1;
+        }
+    } else if (json_delete_local_files(&je) < 0) {
+        CV_ERROR("DELETE JSON Failed to delete local files");
+        return -1;
+    }
+    return 0;
+}
+
+int send_json_ping(jsonEntry* jsonobj, const char* json, char* buf, size_t buflen, int so,
+                   unsigned char type) {
+    Node* node = find_local_node(jsonobj->nodeuuid);
+    if (node != nullptr) {
+        const int rc = lock_and_load(node);
+        if (rc == -1) {
+            CV_ERROR("STORE JSON can not lock Node %u", node->nodeid);
+            return -1;
+        }
+        if (rc == -2) {
+            CV_ERROR("STORE JSON failed to load Node %u", node->nodeid);
+            return -1;
+        }
+    } else {
+        CV_DEBUG("STORE JSON Node %.16s not found in local DB use local node instead",
+                 jsonobj->nodeuuid);
+        // The header of any local node will do; the entry keeps the node id
+        // the client named.
+        for (auto& n : local_nodes) {
+            if (lock_and_load(n.get()) == 0) {
+                node = n.get();
+                break;
+            }
+        }
+        if (node == nullptr) {
+            CV_ERROR("STORE JSON failed to load any local Node");
+            return -1;
+        }
+    }
+    NodeUnlock(node->nodeid);
+    jsonobj->major = node->hdr.major;
+    jsonobj->minor = node->hdr.minor;
+    jsonobj->offset = 0;
+    // The sender's reference to its text means nothing to a receiver; an
+    // address of this process's memory is not put on the wire.
+    jsonobj->json = 0;
+
+    std::memset(buf, 0, buflen);
+    DatagramWriter w(buf, buflen);
+    Hdr hdr = node->hdr;
+    hdr.type = type;
+    if (!w.put(hdr)) {
+        CV_ERROR("STORE JSON too big header can not send %zu", sizeof(Hdr));
+        return -1;
+    }
+    if (!w.put(*jsonobj)) {
+        CV_ERROR("STORE JSON too big entry can not send %zu", JSON_TEXT_OFFSET);
+        return -1;
+    }
+    const size_t len = static_cast<size_t>(jsonobj->jsonlen);
+    if (!w.put_bytes(std::string_view(json, len))) {
+        CV_ERROR("STORE JSON too big json can not send %zu", len + JSON_TEXT_OFFSET);
+        return -1;
+    }
+    return xmit_msg(buf, w.length(), so, counter::ST_JSON);
+}
+
+int send_pings_json(char* buf, size_t buflen, int so) {
+    // The index is read where the store writes it, at the configured
+    // local_files place, so that moving it does not silently end the
+    // re-announcements (with the default the two are one place anyway).
+    char index[256];
+    int n = std::snprintf(index, sizeof index, "%s%s", cfg_work_directory.c_str(),
+                          cfg_local_files.c_str());
+    if (n < 0 || static_cast<size_t>(n) >= sizeof index) {
+        CV_ERROR("too long path %s for local_files", cfg_local_files.c_str());
+        return -1;
+    }
+    UniqueFile f(std::fopen(index, "r"));
+    if (!f) return 0;  // nothing was ever listed here
+
+    std::vector<char> text(buflen + 1);
+    char* raw = nullptr;
+    size_t cap = 0;
+    ssize_t len;
+    while ((len = ::getline(&raw, &cap, f.get())) > 0) {
+        if (raw[len - 1] == '\n') raw[--len] = '\0';
+        const char* line = raw;
+        // The index is a file other programs can write too: a line that names
+        // anything but a document of the JSON tree is never read.
+        if (!json_file_in_tree(line)) {
+            CV_DEBUG("Skip %s: not a document of the JSON tree", line);
+            continue;
+        }
+        char mtd[256];
+        n = std::snprintf(mtd, sizeof mtd, "%s.mtd", line);
+        jsonEntry je = {};
+        if (n < 0 || static_cast<size_t>(n) >= sizeof mtd) {
+            CV_DEBUG("too long path for metadata_path %s", line);
+        } else if (json_interact_metadata(mtd, &je, LOAD) < 0 || json_entry_refused(&je)) {
+            CV_DEBUG("Failed to load metadata for file %s", line);
+        } else {
+            std::memset(text.data(), 0, buflen);
+            ssize_t got = read_document(line, text.data(), buflen);
+            if (got < 2) {
+                CV_ERROR("Failed to read json from file %s", index);
+            } else {
+                text[static_cast<size_t>(got)] = '\0';
+                je.jsonlen = static_cast<uint64_t>(got);
+                send_json_ping(&je, text.data(), buf, buflen, so, msg::STORE_JSON);
+            }
+        }
+    }
+    std::free(raw);  // getline's buffer, grown as needed
+    return 0;
+}
+
+}  // namespace corvald
