@@ -131,12 +131,15 @@ FILE* open_stream(const char* path, int flags, mode_t perm, const char* mode) {
 // holding the daemon; it changes nothing for a regular file.
 FILE* open_document(const char* path, bool write) {
     if (write)
-        return open_stream(path, O_WRONLY | O_CREAT | O_TRUNC | O_NOFOLLOW | O_NONBLOCK, 0666, "wb");
+        return open_stream(path, O_WRONLY | O_CREAT | O_TRUNC | O_NOFOLLOW | O_NONBLOCK, 0666,
+                           "wb");
     return open_stream(path, O_RDONLY | O_NOFOLLOW | O_NONBLOCK, 0, "rb");
 }
 
 // Closes fp; false when the data still buffered could not be written.
-bool close_stream(UniqueFile& fp) { return std::fclose(fp.release()) == 0; }
+bool close_stream(UniqueFile& fp) {
+    return std::fclose(fp.release()) == 0;
+}
 
 // Whether a "/"-separated text has a component that is exactly "..".
 bool has_dotdot(const char* s) {
@@ -530,8 +533,8 @@ int json_file_check(const char* filepath, const struct stat* /*info*/, int typef
 
 bool json_file_in_tree(const char* filepath) {
     const std::string prefix = cfg_work_directory + "/v2/";
-    return std::strncmp(filepath, prefix.c_str(), prefix.size()) == 0 &&
-           !has_dotdot(filepath) && std::strchr(filepath, '\n') == nullptr;
+    return std::strncmp(filepath, prefix.c_str(), prefix.size()) == 0 && !has_dotdot(filepath) &&
+           std::strchr(filepath, '\n') == nullptr;
 }
 
 }  // namespace corvald
