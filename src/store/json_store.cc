@@ -1,0 +1,540 @@
+// The local JSON file store: documents under <root>/v2/ with their metadata
+// files, the local-files index, the JSON path locks, and the expiry sweep.
+//
+// Every path here is built in a 256-byte buffer and refused when it does not
+// fit. At most one JSON path lock is held at a time, and each is released
+// before the next is taken.
+#include "store/json_store.h"
+
+#include <fcntl.h>
+#include <ftw.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <cassert>
+#include <cerrno>
+#include <cstdarg>
+#include <cstdio>
+#include <cstring>
+#include <string>
+
+#include "base/config.h"
+#include "base/log.h"
+#include "base/unique_file.h"
+#include "store/attr.h"
+#include "store/lock.h"
+#include "util/unique_fd.h"
+
+namespace corvald {
+
+namespace {
+
+using JsonPath = char[kStorePathMax + 1];
+constexpr size_t kJsonPathBuf = sizeof(JsonPath);  // 256
+
+// The time passed to the sweep that is running; json_file_check ages every
+// metadata file against it.
+time_t json_timeout_now;
+
+// True while a JSON path lock is held: the next one may only be taken after
+// it is released again.
+bool json_lock_held;
+
+bool build_path(JsonPath& buf, const char* fmt, ...) __attribute__((format(printf, 2, 3)));
+bool build_path(JsonPath& buf, const char* fmt, ...) {
+    va_list ap;
+    va_start(ap, fmt);
+    int n = std::vsnprintf(buf, sizeof buf, fmt, ap);
+    va_end(ap);
+    return n >= 0 && static_cast<size_t>(n) <= kStorePathMax;
+}
+
+int JsonPathToFilename(const char* src_path, char* dst_path, size_t dst_len) {
+    assert(dst_len >= kJsonPathBuf);
+    size_t len = ::strnlen(src_path, kJsonPathBuf);
+    if (len == 0 || len >= kJsonPathBuf) {
+        CV_ERROR("Failed to lock path too long %zu max %zu", len, kJsonPathBuf);
+        return -1;
+    }
+    std::memset(dst_path, 0, dst_len);
+    std::memcpy(dst_path, src_path, len);
+    // The lock directory is flat: the whole path becomes one file name.
+    for (char* p = dst_path; *p != '\0'; ++p) {
+        if (*p == '/')
+            *p = '|';
+    }
+    return 0;
+}
+
+int JsonLockPath(const char* src_path, int timeout_ms) {
+    JsonPath name;
+    if (JsonPathToFilename(src_path, name, sizeof name) < 0)
+        return -1;
+    return PathLock(name, timeout_ms);
+}
+
+void JsonUnlockPath(const char* src_path) {
+    JsonPath name;
+    if (JsonPathToFilename(src_path, name, sizeof name) == 0)
+        PathUnlock(name);
+}
+
+// Owns one JSON path lock and releases it on every way out; release() gives
+// it up where the lock order wants it.
+class JsonLock {
+public:
+    JsonLock() = default;
+    ~JsonLock() { release(); }
+    JsonLock(const JsonLock&) = delete;
+    JsonLock& operator=(const JsonLock&) = delete;
+
+    int take(const char* path) {
+        assert(!held_ && !json_lock_held);
+        int rc = JsonLockPath(path, cfg_path_lock_timeout_ms);
+        if (rc == 0) {
+            std::snprintf(path_, sizeof path_, "%s", path);
+            held_ = json_lock_held = true;
+        }
+        return rc;
+    }
+    void release() {
+        if (!held_)
+            return;
+        held_ = json_lock_held = false;
+        JsonUnlockPath(path_);
+    }
+
+private:
+    JsonPath path_ = {};
+    bool held_ = false;
+};
+
+// open(2) with the given flags and permissions, retried when a signal cuts it
+// short, as a stdio stream of mode; nullptr with errno set on failure.
+FILE* open_stream(const char* path, int flags, mode_t perm, const char* mode) {
+    int fd;
+    do {
+        fd = ::open(path, flags | O_CLOEXEC, perm);
+    } while (fd < 0 && errno == EINTR);
+    if (fd < 0)
+        return nullptr;
+    FILE* fp = ::fdopen(fd, mode);
+    if (fp == nullptr)
+        ::close(fd);
+    return fp;
+}
+
+// Documents and metadata files are named by peers. A symbolic link planted
+// at their place must not turn a store into a write (or a load) elsewhere, so
+// the last component is never followed; the directories above still are (v2
+// may be a link to another disk). O_NONBLOCK keeps a FIFO planted there from
+// holding the daemon; it changes nothing for a regular file.
+FILE* open_document(const char* path, bool write) {
+    if (write)
+        return open_stream(path, O_WRONLY | O_CREAT | O_TRUNC | O_NOFOLLOW | O_NONBLOCK, 0666,
+                           "wb");
+    return open_stream(path, O_RDONLY | O_NOFOLLOW | O_NONBLOCK, 0, "rb");
+}
+
+// Closes fp; false when the data still buffered could not be written.
+bool close_stream(UniqueFile& fp) {
+    return std::fclose(fp.release()) == 0;
+}
+
+// Whether a "/"-separated text has a component that is exactly "..".
+bool has_dotdot(const char* s) {
+    for (const char* c = s;; ++c) {
+        const char* end = std::strchr(c, '/');
+        size_t len = end == nullptr ? std::strlen(c) : static_cast<size_t>(end - c);
+        if (len == 2 && c[0] == '.' && c[1] == '.')
+            return true;
+        if (end == nullptr)
+            return false;
+        c = end;
+    }
+}
+
+// A path without its empty and "." components, so that "v2/./x" and "v2//x"
+// compare equal to "v2/x".
+std::string lexical(const std::string& path) {
+    std::string out;
+    for (size_t at = 0; at <= path.size();) {
+        size_t end = path.find('/', at);
+        if (end == std::string::npos)
+            end = path.size();
+        std::string part = path.substr(at, end - at);
+        if (!part.empty() && part != ".")
+            out += "/" + part;
+        at = end + 1;
+    }
+    return out;
+}
+
+// Why an entry must not be stored or deleted, or nullptr when it may.
+const char* entry_fault(const jsonEntry* e) {
+    if (std::memchr(e->nodeuuid, '\0', sizeof e->nodeuuid) == nullptr ||
+        std::memchr(e->path, '\0', sizeof e->path) == nullptr ||
+        std::memchr(e->filename, '\0', sizeof e->filename) == nullptr) {
+        return "unterminated text";
+    }
+    // The index has one document per line: a line feed in a name would add a
+    // line of the sender's choosing, naming any file for re-announcement.
+    if (std::strchr(e->path, '\n') != nullptr || std::strchr(e->filename, '\n') != nullptr)
+        return "line feed";
+    // The document is path and filename joined as they come; the directory
+    // is path alone ("a/." and "." join to "a/..", ".." and "x" to "..x").
+    std::string joined = std::string(e->path) + e->filename;
+    if (joined[0] == '/' || has_dotdot(joined.c_str()) || has_dotdot(e->path))
+        return "outside the JSON tree";
+    // A document (or its metadata) at the index's place would let a peer
+    // rewrite the list of what this host re-announces.
+    const std::string root = cfg_work_directory;
+    const std::string doc = lexical(root + "/v2/" + joined);
+    const std::string index = lexical(root + cfg_local_files);
+    for (const std::string& f : {doc, doc + ".mtd"}) {
+        if (f == index || f == index + ".tmp")
+            return "the local files index";
+    }
+    return nullptr;
+}
+
+bool entry_refused(const char* op, const jsonEntry* e) {
+    const char* fault = entry_fault(e);
+    if (fault == nullptr)
+        return false;
+    CV_ERROR_AS(op, "Refused JSON path %.63s filename %.31s: %s", e->path, e->filename, fault);
+    return true;
+}
+
+// 1 when the index file_path holds the line search_line (search_line_len
+// bytes, its line feed included), else 0. A missing index is created empty.
+int json_store_is_line_in_file(const char* file_path, const char* search_line,
+                               size_t search_line_len) {
+    UniqueFile fp(open_stream(file_path, O_RDONLY, 0, "r"));
+    if (!fp) {
+        UniqueFd fd(::open(file_path, O_RDWR | O_CREAT | O_CLOEXEC, 0777));
+        return 0;
+    }
+    UniqueChars line;
+    size_t cap = 0;
+    for (;;) {
+        char* buf = line.release();
+        ssize_t len = ::getline(&buf, &cap, fp.get());
+        line.reset(buf);
+        if (len < 0)
+            return 0;
+        if (static_cast<size_t>(len) >= search_line_len &&
+            std::memcmp(line.get(), search_line, search_line_len) == 0) {
+            return 1;
+        }
+    }
+}
+
+// Drops every line equal to line (line_len bytes, line feed included) from
+// the index into the temporary index, then puts the copy in the index's
+// place. The caller holds the index lock. 0 or -4 .. -7.
+int json_index_drop_line(const char* index, const char* tmp, const char* line, size_t line_len,
+                         const char* file) {
+    int rc = 0;
+    UniqueFile in(open_stream(index, O_RDONLY, 0, "r"));
+    UniqueFile out(open_stream(tmp, O_WRONLY | O_CREAT | O_APPEND, 0777, "a"));
+    if (!in || !out) {
+        CV_ERROR_AS("json_delete_local_files", "Failed to open local_files %s", index);
+        rc = -5;
+        // Without a copy there is nothing to put in the index's place.
+        if (!out)
+            return rc;
+        in.reset();
+    } else {
+        UniqueChars buf;
+        size_t cap = 0;
+        for (;;) {
+            char* b = buf.release();
+            ssize_t len = ::getline(&b, &cap, in.get());
+            buf.reset(b);
+            if (len < 0)
+                break;
+            if (static_cast<size_t>(len) >= line_len && std::memcmp(b, line, line_len) == 0)
+                continue;
+            if (std::fwrite(b, static_cast<size_t>(len), 1, out.get()) != 1) {
+                CV_ERROR_AS("json_delete_local_files", "Failed to write %s in file %s", file,
+                            index);
+                rc = -4;
+            }
+        }
+        in.reset();
+    }
+    if (!close_stream(out)) {
+        CV_ERROR_AS("json_delete_local_files", "Failed to write %s in file %s", file, index);
+        rc = -4;
+    }
+    // The rename makes a leftover copy of an interrupted run the index, and
+    // an index that never existed an empty one.
+    if (::unlink(index) < 0) {
+        CV_WARN_AS("json_delete_local_files", "failed unlink(%s): %s", index, std::strerror(errno));
+        rc = -6;
+    }
+    if (::rename(tmp, index) < 0) {
+        CV_WARN_AS("json_delete_local_files", "failed rename(%s): %s", tmp, std::strerror(errno));
+        rc = -7;
+    }
+    return rc;
+}
+
+// The sweep's walk; FTW_PHYS reports a link as a link, so it is passed over
+// and the walk never leaves the tree through one.
+int json_walk_entry(const char* path, const struct stat* info, int typeflag, struct FTW*) {
+    return json_file_check(path, info, typeflag);
+}
+
+}  // namespace
+
+int mkdir_p(const char* dir, mode_t mode) {
+    size_t len = ::strnlen(dir, kJsonPathBuf);
+    if (len == 0 || len >= kJsonPathBuf) {
+        CV_ERROR("Failed to make directory too long path max %d", static_cast<int>(kJsonPathBuf));
+        return -1;
+    }
+    JsonPath path = {};
+    std::memcpy(path, dir, len);
+    if (path[len - 1] == '/')
+        path[len - 1] = '\0';
+    struct stat st;
+    if (::stat(path, &st) == 0 && S_ISDIR(st.st_mode))
+        return 0;
+    // Every prefix in turn, then the whole path (p at its end).
+    for (char* p = path + 1;; ++p) {
+        if (*p != '/' && *p != '\0')
+            continue;
+        const char keep = *p;
+        *p = '\0';
+        if (::stat(path, &st) < 0) {
+            if (::mkdir(path, mode) < 0) {
+                CV_ERROR("Failed to make directory %s with mode %3o", path,
+                         static_cast<unsigned>(mode));
+                return -1;
+            }
+        } else if (!S_ISDIR(st.st_mode)) {
+            CV_ERROR("Failed to make directory %s where are file in path", path);
+            return -1;
+        }
+        if (keep == '\0')
+            return 0;
+        *p = keep;
+    }
+}
+
+int json_store_handle_ping(jsonEntry* jsonobj, const char* json) {
+    // Refused before the trace too: it prints the texts whole.
+    if (entry_refused(__func__, jsonobj))
+        return -1;
+    CV_DEBUG("json_store_handle_ping from node %s path %s filename %s", jsonobj->nodeuuid,
+             jsonobj->path, jsonobj->filename);
+    const char* root = cfg_work_directory.c_str();
+    JsonPath dir;
+    if (!build_path(dir, "%s%s/%s", root, "/v2", jsonobj->path)) {
+        CV_ERROR("too big directory path %s", jsonobj->path);
+        return -1;
+    }
+    JsonLock lock;
+    if (lock.take(dir) < 0)
+        return -1;
+    // A failure here is reported and the store goes on: the open below then
+    // fails in the usual case, with its own line.
+    if (mkdir_p(dir, 0777) < 0)
+        CV_ERROR("Failed to make directory %s where are file in path", jsonobj->path);
+    lock.release();
+
+    JsonPath file;
+    if (!build_path(file, "%s%s", dir, jsonobj->filename)) {
+        CV_ERROR("too big file path %s", jsonobj->filename);
+        return -1;
+    }
+    if (lock.take(file) < 0)
+        return -1;
+    UniqueFile fp(open_document(file, true));
+    if (!fp) {
+        CV_ERROR("Failed to open for write file path %s", file);
+        return -1;
+    }
+    // An empty text writes no item and counts as a failure too.
+    if (std::fwrite(json, jsonobj->jsonlen, 1, fp.get()) != 1) {
+        CV_ERROR("Failed to store file %s", jsonobj->filename);
+        return -1;
+    }
+    JsonPath mtd;
+    if (!build_path(mtd, "%s%s", file, ".mtd")) {
+        CV_ERROR("too big metadata path %s", mtd);
+        return -1;
+    }
+    jsonobj->lastping = std::time(nullptr);
+    // The json field would publish an address of this daemon's memory to
+    // every reader of the store; readers ignore it.
+    jsonEntry rec = *jsonobj;
+    rec.json = 0;
+    if (json_interact_metadata(mtd, &rec, SAVE) < 0) {
+        CV_ERROR("Failed to store metadata");
+        return -1;
+    }
+    // Closed only now, after the metadata: the lock covers both files. A
+    // close that fails could not write the text out after all.
+    if (!close_stream(fp)) {
+        CV_ERROR("Failed to store file %s", jsonobj->filename);
+        return -1;
+    }
+    return 0;
+}
+
+int json_write_local_files(jsonEntry* jsonobj, const char* json) {
+    if (entry_refused(__func__, jsonobj))
+        return -1;
+    if (json_store_handle_ping(jsonobj, json) < 0) {
+        CV_ERROR("STORE JSON Failed to write local files to DB");
+        return -1;
+    }
+    const char* root = cfg_work_directory.c_str();
+    JsonPath line;
+    if (!build_path(line, "%s%s/%s%s\n", root, "/v2", jsonobj->path, jsonobj->filename)) {
+        CV_ERROR("too big file path %s", jsonobj->path);
+        return -1;
+    }
+    const size_t n = std::strlen(line);
+    JsonPath index;
+    if (!build_path(index, "%s%s", root, cfg_local_files.c_str())) {
+        CV_ERROR("too long path %s for local_files", cfg_local_files.c_str());
+        return -1;
+    }
+    JsonLock lock;
+    if (lock.take(index) < 0)
+        return 0;  // stored, not listed
+    if (json_store_is_line_in_file(index, line, n) == 1) {
+        CV_DEBUG("file %s alredy present in %s", line, index);
+        return 0;
+    }
+    UniqueFile fp(open_stream(index, O_WRONLY | O_CREAT | O_APPEND, 0777, "a"));
+    if (!fp) {
+        CV_ERROR("Failed to open for write file %s", index);
+        return -1;
+    }
+    if (std::fwrite(line, n, 1, fp.get()) != 1 || !close_stream(fp)) {
+        CV_ERROR("Failed to write %s in file %s", line, index);
+        return -1;
+    }
+    return 0;
+}
+
+int json_delete_local_files(const jsonEntry* jsonobj) {
+    if (entry_refused(__func__, jsonobj))
+        return -1;
+    const char* root = cfg_work_directory.c_str();
+    const char* local_files = cfg_local_files.c_str();
+    JsonPath file, index, tmp;
+    if (!build_path(file, "%s%s/%s%s", root, "/v2", jsonobj->path, jsonobj->filename)) {
+        CV_ERROR("too big file path %s", jsonobj->path);
+        return -1;
+    }
+    if (!build_path(index, "%s%s", root, local_files)) {
+        CV_ERROR("too long path %s for local_files", local_files);
+        return -2;
+    }
+    if (!build_path(tmp, "%s.tmp", index)) {
+        CV_ERROR("too long path %s.tmp for tmp local_files", local_files);
+        return -3;
+    }
+    // The line of a 255-byte path needs one byte more than a path.
+    char line[kJsonPathBuf + 1];
+    const size_t n = std::strlen(file) + 1;
+    std::memcpy(line, file, n - 1);
+    line[n - 1] = '\n';
+    line[n] = '\0';
+
+    int rc = 0;
+    JsonLock lock;
+    // Without the index lock the index stays as it is; the files still go.
+    if (lock.take(index) == 0) {
+        rc = json_index_drop_line(index, tmp, line, n, file);
+        lock.release();
+    }
+    if (lock.take(file) < 0)
+        return rc;
+    if (::unlink(file) < 0) {
+        CV_WARN("failed unlink(%s): %s", file, std::strerror(errno));
+        rc = -8;
+    }
+    JsonPath mtd;
+    if (!build_path(mtd, "%s%s", file, ".mtd")) {
+        CV_ERROR("too big metadata path %s", mtd);
+        return -9;
+    }
+    if (::unlink(mtd) < 0) {
+        CV_WARN("failed unlink(%s): %s", mtd, std::strerror(errno));
+        rc = -10;
+    }
+    return rc;
+}
+
+int json_interact_metadata(const char* path, jsonEntry* jsonobj, interactMetadata type) {
+    if (path == nullptr || jsonobj == nullptr)
+        return -1;
+    const bool save = type == SAVE;
+    const char* verb = save ? "save" : "load";
+    UniqueFile fp(open_document(path, save));
+    if (!fp) {
+        CV_ERROR("Failed to %s metadata with path %s", verb, path);
+        return -1;
+    }
+    size_t moved = save ? std::fwrite(jsonobj, sizeof *jsonobj, 1, fp.get())
+                        : std::fread(jsonobj, sizeof *jsonobj, 1, fp.get());
+    if (moved != 1 || !close_stream(fp)) {
+        CV_ERROR("Failed to %s metadata with file %s", verb, path);
+        return -1;
+    }
+    return 0;
+}
+
+int json_timeout_check(time_t now) {
+    json_timeout_now = now;
+    const char* root = cfg_work_directory.c_str();
+    JsonPath tree;
+    if (!build_path(tree, "%s%s/", root, "/v2")) {
+        CV_ERROR("too big DB path %s", root);
+        return -1;
+    }
+    return ::nftw(tree, json_walk_entry, 10, FTW_PHYS);
+}
+
+int json_file_check(const char* filepath, const struct stat* /*info*/, int typeflag) {
+    if (typeflag != FTW_F)
+        return 0;
+    const char* slash = std::strrchr(filepath, '/');
+    const char* base = slash == nullptr ? filepath : slash + 1;
+    const char* dot = std::strrchr(base, '.');
+    // No metadata file: a document named without a "." after its first
+    // character, or the index itself. Passed over like any other document,
+    // so that the files the walk reaches after it are still checked.
+    if (dot == nullptr || dot == base)
+        return 0;
+    if (std::strcmp(dot, ".mtd") != 0)
+        return 0;
+    jsonEntry rec = {};
+    if (json_interact_metadata(filepath, &rec, LOAD) < 0)
+        return 0;
+    double age = std::difftime(json_timeout_now, static_cast<time_t>(rec.lastping));
+    if (age > 0 && age > cfg_json_ping_interval * 5.0) {
+        // The record comes from a file; its name is printed within its width
+        // (the delete refuses it if it is unterminated).
+        CV_NOTICE("Delete local files %.*s due to timeout %gs",
+                  static_cast<int>(::strnlen(rec.filename, sizeof rec.filename)), rec.filename,
+                  age);
+        json_delete_local_files(&rec);
+    }
+    return 0;
+}
+
+bool json_file_in_tree(const char* filepath) {
+    const std::string prefix = cfg_work_directory + "/v2/";
+    return std::strncmp(filepath, prefix.c_str(), prefix.size()) == 0 && !has_dotdot(filepath) &&
+           std::strchr(filepath, '\n') == nullptr;
+}
+
+}  // namespace corvald
