@@ -140,7 +140,7 @@ int json_cmd_handler(char* in_buf, size_t in_buflen, char* buf, size_t buflen, i
     // A name that leads out of the JSON tree is refused here, before it is
     // announced: every peer would refuse it as well, and the cluster should
     // not carry it at all.
-    if (json_entry_refused(&je)) return -1;
+    if (json_entry_refused(__func__, &je)) return -1;
     const unsigned char type = is_store ? msg::STORE_JSON : msg::DELETE_JSON;
     if (send_json_ping(&je, text, buf, buflen, so, type) < 0) {
         CV_ERROR("%s JSON Failed to send ping", kind);
@@ -247,7 +247,7 @@ int send_pings_json(char* buf, size_t buflen, int so) {
         jsonEntry je = {};
         if (n < 0 || static_cast<size_t>(n) >= sizeof mtd) {
             CV_DEBUG("too long path for metadata_path %s", line);
-        } else if (json_interact_metadata(mtd, &je, LOAD) < 0 || json_entry_refused(&je)) {
+        } else if (json_interact_metadata(mtd, &je, LOAD) < 0 || json_entry_refused(__func__, &je)) {
             CV_DEBUG("Failed to load metadata for file %s", line);
         } else {
             std::memset(text.data(), 0, buflen);

@@ -198,13 +198,6 @@ const char* entry_fault(const jsonEntry* e) {
     return nullptr;
 }
 
-bool entry_refused(const char* op, const jsonEntry* e) {
-    const char* fault = entry_fault(e);
-    if (fault == nullptr)
-        return false;
-    CV_ERROR_AS(op, "Refused JSON path %.63s filename %.31s: %s", e->path, e->filename, fault);
-    return true;
-}
 
 // 1 when the index file_path holds the line search_line (search_line_len
 // bytes, its line feed included), else 0. A missing index is created empty.
@@ -326,7 +319,7 @@ int mkdir_p(const char* dir, mode_t mode) {
 
 int json_store_handle_ping(jsonEntry* jsonobj, const char* json) {
     // Refused before the trace too: it prints the texts whole.
-    if (entry_refused(__func__, jsonobj))
+    if (json_entry_refused(__func__, jsonobj))
         return -1;
     CV_DEBUG("json_store_handle_ping from node %s path %s filename %s", jsonobj->nodeuuid,
              jsonobj->path, jsonobj->filename);
@@ -386,7 +379,7 @@ int json_store_handle_ping(jsonEntry* jsonobj, const char* json) {
 }
 
 int json_write_local_files(jsonEntry* jsonobj, const char* json) {
-    if (entry_refused(__func__, jsonobj))
+    if (json_entry_refused(__func__, jsonobj))
         return -1;
     if (json_store_handle_ping(jsonobj, json) < 0) {
         CV_ERROR("STORE JSON Failed to write local files to DB");
@@ -424,7 +417,7 @@ int json_write_local_files(jsonEntry* jsonobj, const char* json) {
 }
 
 int json_delete_local_files(const jsonEntry* jsonobj) {
-    if (entry_refused(__func__, jsonobj))
+    if (json_entry_refused(__func__, jsonobj))
         return -1;
     const char* root = cfg_work_directory.c_str();
     const char* local_files = cfg_local_files.c_str();
@@ -529,6 +522,15 @@ int json_file_check(const char* filepath, const struct stat* /*info*/, int typef
         json_delete_local_files(&rec);
     }
     return 0;
+}
+
+bool json_entry_refused(const char* op, const jsonEntry* jsonobj) {
+    const char* fault = entry_fault(jsonobj);
+    if (fault == nullptr)
+        return false;
+    CV_ERROR_AS(op, "Refused JSON path %.63s filename %.31s: %s", jsonobj->path, jsonobj->filename,
+                fault);
+    return true;
 }
 
 bool json_file_in_tree(const char* filepath) {

@@ -42,9 +42,10 @@ int json_timeout_check(time_t now);
 int json_file_check(const char* filepath, const struct stat* info, int typeflag);
 // Makes dir and every missing parent with mode; 0 or -1.
 int mkdir_p(const char* dir, mode_t mode);
-// Whether the entry must be refused (logged): an unterminated text, a line
-// feed, or a path/filename that leads out of the JSON tree or onto the index.
-bool json_entry_refused(const jsonEntry* jsonobj);
+// Whether the entry must be refused: an unterminated text, a line feed, or a
+// path/filename that leads out of the JSON tree or onto the index. A refusal
+// is logged under op's name.
+bool json_entry_refused(const char* op, const jsonEntry* jsonobj);
 // Whether the full path of a document file (a line of the index) lies under
 // the JSON tree of this store with no ".." component, so that it may be read.
 bool json_file_in_tree(const char* filepath);
