@@ -8,7 +8,11 @@
 #include <sys/select.h>
 
 #include <cstddef>
+#include <cstdint>
+#include <list>
+#include <memory>
 
+#include "net/datagram.h"
 #include "net/netlib.h"
 #include "store/object.h"
 #include "util/unique_fd.h"
@@ -47,6 +51,27 @@ int handle_datagram(const char* buf, size_t len, const struct sockaddr_in* from)
 // Clears what an announcement of the node reloads (hdr, dse, aux, dsuuid,
 // the VDisk tree); nodeid and nodeuuid stay.
 void prepare_local_node(Node* node);
+// What load_local_node reads besides the node's header (flags to combine).
+enum LocalNodeParts : unsigned {
+    kLoadDSMember = 1,     // the data store uuid; NodeLoad_DSMember's result in *ds_rc
+    kRequireDSMember = 2,  // the same, and the load fails when the node has none
+    kLoadVDisks = 4,       // the names of the node's VDisks, which must load
+};
+// Reloads a prepared local node under its node lock, released before it
+// returns: the header and the parts asked for. 0, or -1 when the lock or a
+// load that must succeed failed (the store code has said why).
+int load_local_node(Node* node, unsigned what, int* ds_rc = nullptr);
+// The entry of the node's data store (dsuuid) under its lock; 0 or -1.
+int load_datastore(Node* node);
+// Clears the whole buffer and starts a datagram with the node's header
+// under the given type; false when not even the header fits.
+bool put_header(DatagramWriter* w, char* buf, size_t buflen, const Node* node, uint8_t type);
+// Appends the VDisk's member entries, then its frontend entries, in list
+// order, each traced under op with kind ("Plain" or "Snapshot"). False when
+// one does not fit.
+bool put_members_frontends(DatagramWriter* w, const VDisk& vd, const char* kind, const char* op);
+// Builds and sends the node's AUX_PING, reporting under op's name.
+void send_aux_ping(const Node* node, char* buf, size_t buflen, int so, const char* op);
 // DS_PING: the header, and the data store entry when dsuuid is set.
 int build_ds_ping(const Node* node, char* buf, size_t buflen, size_t* msglen);
 // AUX_PING: the header, a zero byte and the capacity record.
