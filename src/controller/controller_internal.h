@@ -97,9 +97,34 @@ struct CtrlConn {
     char addr[16] = {};  // client's address, dotted text
     UniqueChars buf;
 };
+// Closes the connection's socket, if it has one, after its closing notice,
+// and frees the connection. Only ever called as the deleter of CtrlConnPtr,
+// so every way a connection goes away logs that notice exactly once.
+void CtrlConnFree(CtrlConn* ccp);
+struct CtrlConnDeleter {
+    void operator()(CtrlConn* ccp) const { CtrlConnFree(ccp); }
+};
+using CtrlConnPtr = std::unique_ptr<CtrlConn, CtrlConnDeleter>;
+// The open connections in the order they were accepted, which is the order
+// they are served in.
+using CtrlConnList = std::list<CtrlConnPtr>;
+// A new connection with its zeroed read buffer in *ccpp; 0, or -1 (logged)
+// with nothing allocated.
+int CtrlConnAlloc(CtrlConnPtr* ccpp);
+// Frees every connection of the list, in list order.
+void CtrlConnListFlush(CtrlConnList* cclp);
+// Serves each connection whose descriptor is in rfds, in list order: one
+// read, one command. True when one was closed (end of input or a failed
+// read) and taken out of the list.
+bool serve_ctrl_conns(CtrlConnList* cclp, const fd_set* rfds, char* buf, size_t buflen, int so);
+// Accepts one connection from the listener ctrlso and appends it; true when
+// the list grew.
+bool accept_ctrl_conn(int ctrlso, CtrlConnList* cclp);
 // Runs the command line at the start of ccp->buf, building its datagrams in
 // buf (buflen bytes) and sending them on so. 0 or -1 (not used by the loop).
 int handle_ctrl_cmd(CtrlConn* ccp, char* buf, size_t buflen, int so);
+// The local node whose id text is nodeuuid (compared exactly), or nullptr.
+Node* find_local_node(const char* nodeuuid);
 
 // JSON commands and pings (json_commands.cc).
 // "store_json" (is_store 1) or "delete_json" (0): the command line of
