@@ -28,15 +28,6 @@ namespace {
 
 constexpr const char* kSendPings = "send_pings";
 
-// Clears the whole buffer and starts a datagram with the node's header
-// under the given type; false when not even the header fits.
-bool put_header(DatagramWriter* w, char* buf, size_t buflen, const Node* node, uint8_t type) {
-    std::memset(buf, 0, buflen);
-    Hdr hdr = node->hdr;
-    hdr.type = type;
-    return w->put(hdr);
-}
-
 // Appends the blocks of the VDisks whose snapshot flag matches: the entry,
 // then its members and frontends in list order. False when one does not fit.
 bool put_vdisk_blocks(DatagramWriter* w, const VDiskTree& vdisks, bool snapshots) {
@@ -45,37 +36,9 @@ bool put_vdisk_blocks(DatagramWriter* w, const VDiskTree& vdisks, bool snapshots
         if ((vd->vde.snapshot != 0) != snapshots) continue;
         if (!w->put(vd->vde)) return false;
         CV_DEBUG_AS("build_vdisk_ping", "APPEND %s VDisk entry %zu bytes", kind, sizeof(VDiskEntry));
-        for (const Member& m : vd->members) {
-            if (!w->put(m.mbe)) return false;
-            CV_DEBUG_AS("build_vdisk_ping", "APPEND %s Member entry %zu bytes", kind,
-                        sizeof(MemberEntry));
-        }
-        for (const Frontend& f : vd->frontends) {
-            if (!w->put(f.fee)) return false;
-            CV_DEBUG_AS("build_vdisk_ping", "APPEND %s Frontend entry %zu bytes", kind,
-                        sizeof(FrontendEntry));
-        }
+        if (!put_members_frontends(w, *vd, kind, "build_vdisk_ping")) return false;
     }
     return true;
-}
-
-// Loads the node's header, data store uuid and VDisk names under its node
-// lock. 0; -1 when the node cannot be locked or loaded (the store code has
-// said why); *ds_rc is NodeLoad_DSMember's result.
-int load_node_for_pings(Node* node, int* ds_rc) {
-    HeldLock lock;
-    if (lock.take(NodeLockName(node->nodeid)) < 0) return -1;
-    if (NodeLoad(node) < 0) return -1;
-    *ds_rc = NodeLoad_DSMember(node->nodeuuid, node->dsuuid, sizeof node->dsuuid);
-    if (NodeLoad_VDisks(node->nodeid, &node->vdisks) < 0) return -1;
-    return 0;
-}
-
-// The data store entry under its lock; 0 or -1.
-int load_datastore(Node* node) {
-    HeldLock lock;
-    if (lock.take(DatastoreLockNameStr(node->dsuuid)) < 0) return -1;
-    return DatastoreLoad(node->dsuuid, &node->dse);
 }
 
 // Every VDisk of the node's tree, each under its own lock; false at the
@@ -96,7 +59,7 @@ bool load_vdisks(Node* node, const char** failed) {
 void announce_node(Node* node, char* buf, size_t buflen, int so) {
     prepare_local_node(node);
     int ds_rc = 0;
-    if (load_node_for_pings(node, &ds_rc) < 0) return;
+    if (load_local_node(node, kLoadDSMember | kLoadVDisks, &ds_rc) < 0) return;
 
     // A refused datastoremember (ds_rc -2) skips the DS_PING like a data
     // store that cannot be loaded: an empty DS_PING would tell every peer
@@ -121,12 +84,7 @@ void announce_node(Node* node, char* buf, size_t buflen, int so) {
         xmit_msg(buf, len, so, counter::DS_PING);
     }
 
-    if (build_aux_ping(node, buf, buflen, &len) < 0) {
-        CV_ERROR_AS(kSendPings, "Oversized AUX_PING from Node %s", node->nodeuuid);
-    } else {
-        CV_INFO_AS(kSendPings, "Send AUX_PING %zuB from Node %s", len, node->nodeuuid);
-        xmit_msg(buf, len, so, counter::AUX_PING);
-    }
+    send_aux_ping(node, buf, buflen, so, kSendPings);
 
     const char* failed = nullptr;
     if (!load_vdisks(node, &failed)) {
@@ -143,6 +101,54 @@ void announce_node(Node* node, char* buf, size_t buflen, int so) {
 }
 
 }  // namespace
+
+bool put_header(DatagramWriter* w, char* buf, size_t buflen, const Node* node, uint8_t type) {
+    std::memset(buf, 0, buflen);
+    Hdr hdr = node->hdr;
+    hdr.type = type;
+    return w->put(hdr);
+}
+
+bool put_members_frontends(DatagramWriter* w, const VDisk& vd, const char* kind, const char* op) {
+    for (const Member& m : vd.members) {
+        if (!w->put(m.mbe)) return false;
+        CV_DEBUG_AS(op, "APPEND %s Member entry %zu bytes", kind, sizeof(MemberEntry));
+    }
+    for (const Frontend& f : vd.frontends) {
+        if (!w->put(f.fee)) return false;
+        CV_DEBUG_AS(op, "APPEND %s Frontend entry %zu bytes", kind, sizeof(FrontendEntry));
+    }
+    return true;
+}
+
+int load_local_node(Node* node, unsigned what, int* ds_rc) {
+    HeldLock lock;
+    if (lock.take(NodeLockName(node->nodeid)) < 0) return -1;
+    if (NodeLoad(node) < 0) return -1;
+    if (what & (kLoadDSMember | kRequireDSMember)) {
+        const int rc = NodeLoad_DSMember(node->nodeuuid, node->dsuuid, sizeof node->dsuuid);
+        if (ds_rc != nullptr) *ds_rc = rc;
+        if (rc < 0 && (what & kRequireDSMember)) return -1;
+    }
+    if ((what & kLoadVDisks) && NodeLoad_VDisks(node->nodeid, &node->vdisks) < 0) return -1;
+    return 0;
+}
+
+int load_datastore(Node* node) {
+    HeldLock lock;
+    if (lock.take(DatastoreLockNameStr(node->dsuuid)) < 0) return -1;
+    return DatastoreLoad(node->dsuuid, &node->dse);
+}
+
+void send_aux_ping(const Node* node, char* buf, size_t buflen, int so, const char* op) {
+    size_t len = 0;
+    if (build_aux_ping(node, buf, buflen, &len) < 0) {
+        CV_ERROR_AS(op, "Oversized AUX_PING from Node %s", node->nodeuuid);
+        return;
+    }
+    CV_INFO_AS(op, "Send AUX_PING %zuB from Node %s", len, node->nodeuuid);
+    xmit_msg(buf, len, so, counter::AUX_PING);
+}
 
 void prepare_local_node(Node* node) {
     node->hdr = Hdr{};
@@ -233,10 +239,7 @@ void send_heartbeats(char* buf, size_t buflen, int so) {
     for (auto& np : local_nodes) {
         Node* node = np.get();
         prepare_local_node(node);
-        {
-            HeldLock lock;
-            if (lock.take(NodeLockName(node->nodeid)) < 0 || NodeLoad(node) < 0) continue;
-        }
+        if (load_local_node(node, 0) < 0) continue;
         size_t len = 0;
         if (build_heartbeat(node, buf, buflen, &len) < 0) {
             CV_ERROR("Oversized HEARTBEAT from Node %s", node->nodeuuid);

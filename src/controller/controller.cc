@@ -1,6 +1,7 @@
 // The controller module: its state, the signal flags and the one loop of the
 // process, which waits in select at most a second at a time, runs the
-// periodic work that is due and receives one datagram per turn.
+// periodic work that is due, receives one datagram per turn and serves the
+// control connections.
 #include "controller/controller.h"
 
 #include <arpa/inet.h>
@@ -78,22 +79,27 @@ struct LoopRun {
     struct sockaddr_in bind_addr = {};
     UniqueFd so;
     UniqueFd ctrlso;
+    CtrlConnList ccl;
     fd_set fds;
     int nfds = 0;
 };
 
-// Rebuilds the read set from the watched descriptors (negative ones are
-// skipped) and stores one above the highest in *nfdsp. Every descriptor
-// must fit the set: start-up and the accept step refuse one that does not.
-void update_fds(fd_set* fds, int* nfdsp, int so, int ctrlso) {
+// Adds fd to the read set and raises *top to it. Every descriptor must fit
+// the set: start-up and the accept step refuse one that does not.
+void watch_fd(fd_set* fds, int* top, int fd) {
+    assert(fd_fits_select_set(fd));
+    FD_SET(fd, fds);
+    if (fd > *top) *top = fd;
+}
+
+// Rebuilds the read set from the datagram socket, the listener and every
+// control connection, and stores one above the highest in *nfdsp.
+void update_fds(fd_set* fds, int* nfdsp, int so, int ctrlso, const CtrlConnList* cclp) {
     FD_ZERO(fds);
     int top = -1;
-    for (int fd : {so, ctrlso}) {
-        if (fd < 0) continue;
-        assert(fd_fits_select_set(fd));
-        FD_SET(fd, fds);
-        if (fd > top) top = fd;
-    }
+    watch_fd(fds, &top, so);
+    watch_fd(fds, &top, ctrlso);
+    for (const CtrlConnPtr& ccp : *cclp) watch_fd(fds, &top, ccp->so);
     *nfdsp = top + 1;
 }
 
@@ -139,11 +145,9 @@ int loop_start(LoopRun* lp) {
             return -1;
         }
     }
-    // The listener joins the read set together with the accept step: watched
-    // with nobody accepting, one waiting client would keep it readable and
-    // turn the one-second wait into a busy loop. Until then clients wait in
-    // the listen queue.
-    update_fds(&lp->fds, &lp->nfds, lp->so.get(), -1);
+    // The listener is watched from the first turn on: a waiting client makes
+    // select return, and the turn accepts it.
+    update_fds(&lp->fds, &lp->nfds, lp->so.get(), lp->ctrlso.get(), &lp->ccl);
     return 0;
 }
 
@@ -243,8 +247,13 @@ bool loop_pass(LoopRun* lp, int* error) {
         // A dropped datagram ends the turn: connections wait for the next.
         if (rc > 0) return true;
     }
-    // Serving the readable control connections, then accepting at most one
-    // new one (each followed by update_fds when the set changed), goes here.
+    // The connections select found readable, then at most one new client:
+    // one accept per turn keeps a crowd of clients from holding up the
+    // datagrams and the timers.
+    bool changed = serve_ctrl_conns(&lp->ccl, &rfds, lp->buf.get(), lp->buflen, lp->so.get());
+    if (FD_ISSET(lp->ctrlso.get(), &rfds) && accept_ctrl_conn(lp->ctrlso.get(), &lp->ccl))
+        changed = true;
+    if (changed) update_fds(&lp->fds, &lp->nfds, lp->so.get(), lp->ctrlso.get(), &lp->ccl);
     return true;
 }
 
@@ -285,6 +294,7 @@ int controller_thread_loop() {
     }
     // In the order the parts were opened, last first; the control
     // connections (each with its closing notice) go before the listener.
+    CtrlConnListFlush(&lp.ccl);
     lp.ctrlso.reset();
     lp.so.reset();
     lp.buf.reset();

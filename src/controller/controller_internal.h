@@ -8,7 +8,11 @@
 #include <sys/select.h>
 
 #include <cstddef>
+#include <cstdint>
+#include <list>
+#include <memory>
 
+#include "net/datagram.h"
 #include "net/netlib.h"
 #include "store/object.h"
 #include "util/unique_fd.h"
@@ -47,6 +51,27 @@ int handle_datagram(const char* buf, size_t len, const struct sockaddr_in* from)
 // Clears what an announcement of the node reloads (hdr, dse, aux, dsuuid,
 // the VDisk tree); nodeid and nodeuuid stay.
 void prepare_local_node(Node* node);
+// What load_local_node reads besides the node's header (flags to combine).
+enum LocalNodeParts : unsigned {
+    kLoadDSMember = 1,     // the data store uuid; NodeLoad_DSMember's result in *ds_rc
+    kRequireDSMember = 2,  // the same, and the load fails when the node has none
+    kLoadVDisks = 4,       // the names of the node's VDisks, which must load
+};
+// Reloads a prepared local node under its node lock, released before it
+// returns: the header and the parts asked for. 0, or -1 when the lock or a
+// load that must succeed failed (the store code has said why).
+int load_local_node(Node* node, unsigned what, int* ds_rc = nullptr);
+// The entry of the node's data store (dsuuid) under its lock; 0 or -1.
+int load_datastore(Node* node);
+// Clears the whole buffer and starts a datagram with the node's header
+// under the given type; false when not even the header fits.
+bool put_header(DatagramWriter* w, char* buf, size_t buflen, const Node* node, uint8_t type);
+// Appends the VDisk's member entries, then its frontend entries, in list
+// order, each traced under op with kind ("Plain" or "Snapshot"). False when
+// one does not fit.
+bool put_members_frontends(DatagramWriter* w, const VDisk& vd, const char* kind, const char* op);
+// Builds and sends the node's AUX_PING, reporting under op's name.
+void send_aux_ping(const Node* node, char* buf, size_t buflen, int so, const char* op);
 // DS_PING: the header, and the data store entry when dsuuid is set.
 int build_ds_ping(const Node* node, char* buf, size_t buflen, size_t* msglen);
 // AUX_PING: the header, a zero byte and the capacity record.
@@ -72,9 +97,34 @@ struct CtrlConn {
     char addr[16] = {};  // client's address, dotted text
     UniqueChars buf;
 };
+// Closes the connection's socket, if it has one, after its closing notice,
+// and frees the connection. Only ever called as the deleter of CtrlConnPtr,
+// so every way a connection goes away logs that notice exactly once.
+void CtrlConnFree(CtrlConn* ccp);
+struct CtrlConnDeleter {
+    void operator()(CtrlConn* ccp) const { CtrlConnFree(ccp); }
+};
+using CtrlConnPtr = std::unique_ptr<CtrlConn, CtrlConnDeleter>;
+// The open connections in the order they were accepted, which is the order
+// they are served in.
+using CtrlConnList = std::list<CtrlConnPtr>;
+// A new connection with its zeroed read buffer in *ccpp; 0, or -1 (logged)
+// with nothing allocated.
+int CtrlConnAlloc(CtrlConnPtr* ccpp);
+// Frees every connection of the list, in list order.
+void CtrlConnListFlush(CtrlConnList* cclp);
+// Serves each connection whose descriptor is in rfds, in list order: one
+// read, one command. True when one was closed (end of input or a failed
+// read) and taken out of the list.
+bool serve_ctrl_conns(CtrlConnList* cclp, const fd_set* rfds, char* buf, size_t buflen, int so);
+// Accepts one connection from the listener ctrlso and appends it; true when
+// the list grew.
+bool accept_ctrl_conn(int ctrlso, CtrlConnList* cclp);
 // Runs the command line at the start of ccp->buf, building its datagrams in
 // buf (buflen bytes) and sending them on so. 0 or -1 (not used by the loop).
 int handle_ctrl_cmd(CtrlConn* ccp, char* buf, size_t buflen, int so);
+// The local node whose id text is nodeuuid (compared exactly), or nullptr.
+Node* find_local_node(const char* nodeuuid);
 
 // JSON commands and pings (json_commands.cc).
 // "store_json" (is_store 1) or "delete_json" (0): the command line of

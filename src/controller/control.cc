@@ -1,0 +1,310 @@
+// The control channel: local programs connect to the control port and write
+// one-line commands, each asking for an immediate announcement of a local
+// node. The daemon never answers on the connection; what a command did
+// shows only in the log and on the wire.
+//
+// Each read is one message and nothing is kept between reads: a command
+// must arrive whole in one read, and of a read that holds several lines
+// only the first runs. Every command reloads what it announces from the
+// store, like the ping cycle.
+#include <strings.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstdlib>
+#include <cstring>
+#include <new>
+#include <string_view>
+
+#include "base/config.h"
+#include "base/log.h"
+#include "controller/controller_internal.h"
+#include "controller/stats.h"
+#include "net/datagram.h"
+#include "net/netlib.h"
+#include "store/lock.h"
+#include "store/vdisk.h"
+#include "util/io.h"
+
+namespace corvald {
+
+namespace {
+
+constexpr const char* kLoop = "controller_thread_loop";
+constexpr const char* kHandle = "handle_ctrl_cmd";
+
+// Cuts s at its first blank: the text after that blank, or nullptr when s
+// has none.
+char* cut_at_blank(char* s) {
+    char* blank = std::strchr(s, ' ');
+    if (blank == nullptr) return nullptr;
+    *blank = '\0';
+    return blank + 1;
+}
+
+// The node and VDisk arguments of "<keyword> <node> <vdisk>", the VDisk
+// being the rest of the line; false after the message for the missing one.
+bool node_and_vdisk_args(char* cmd, const char* keyword, char** node, char** vdisk) {
+    *node = cut_at_blank(cmd);
+    if (*node == nullptr) {
+        CV_ERROR_AS(kHandle, "Missing Node UUID for CTRL %s", keyword);
+        return false;
+    }
+    *vdisk = cut_at_blank(*node);
+    if (*vdisk == nullptr) {
+        CV_ERROR_AS(kHandle, "Missing VDisk UUID for CTRL %s", keyword);
+        return false;
+    }
+    return true;
+}
+
+// SINGLE_VDISK_PING: the header, then the block of that one VDisk.
+int build_single_vdisk_ping(const Node* node, const VDisk* vdisk, char* buf, size_t buflen,
+                            size_t* msglen) {
+    DatagramWriter w(buf, buflen);
+    if (!put_header(&w, buf, buflen, node, msg::SINGLE_VDISK_PING)) return -1;
+    CV_DEBUG("APPEND Single VDisk Ping header %zu bytes", sizeof(Hdr));
+    if (!w.put(vdisk->vde)) return -1;
+    const char* kind = vdisk->vde.snapshot != 0 ? "Snapshot" : "Plain";
+    CV_DEBUG("APPEND Single %s VDisk entry %zu bytes", kind, sizeof(VDiskEntry));
+    if (!put_members_frontends(&w, *vdisk, kind, __func__)) return -1;
+    *msglen = w.length();
+    return 0;
+}
+
+// One VDisk of a local node, with an AUX_PING after it. Only a VDisk that
+// the node's record links to is announced, and only by a node that belongs
+// to a data store.
+void send_single_vdisk_ping(const char* nodeuuid, const char* vdiskuuid, char* buf, size_t buflen,
+                            int so) {
+    Node* node = find_local_node(nodeuuid);
+    if (node == nullptr) return;
+    prepare_local_node(node);
+    if (load_local_node(node, kRequireDSMember | kLoadVDisks) < 0) return;
+    VDisk* vdisk = VDiskTree_RB_FIND(&node->vdisks, std::string_view(vdiskuuid));
+    if (vdisk == nullptr) return;
+    {
+        HeldLock lock;
+        if (lock.take(VDiskLockName(vdisk->vdiskuuid)) < 0 || VDiskLoad(node, vdisk) < 0) return;
+    }
+    size_t len = 0;
+    if (build_single_vdisk_ping(node, vdisk, buf, buflen, &len) < 0) {
+        CV_ERROR("Oversized SINGLE_VDISK_PING from Node %s VDisk %s", nodeuuid, vdiskuuid);
+        return;
+    }
+    CV_INFO("Send SINGLE_VDISK_PING %zuB from Node %s VDisk %s", len, nodeuuid, vdiskuuid);
+    xmit_msg(buf, len, so, counter::SV_PING);
+    send_aux_ping(node, buf, buflen, so, __func__);
+}
+
+// The DS_PING of a local node, alone.
+void send_ds_ping(const char* nodeuuid, char* buf, size_t buflen, int so) {
+    Node* node = find_local_node(nodeuuid);
+    if (node == nullptr) return;
+    prepare_local_node(node);
+    int ds_rc = 0;
+    if (load_local_node(node, kLoadDSMember, &ds_rc) < 0) return;
+    // A datastoremember that names no plain directory is refused (-2) and
+    // sends nothing, as in the ping cycle: a DS_PING without the entry would
+    // tell every peer that the node left its data store.
+    if (ds_rc == -2) return;
+    if (node->dsuuid[0] != '\0' && load_datastore(node) < 0) return;
+    size_t len = 0;
+    if (build_ds_ping(node, buf, buflen, &len) < 0) {
+        CV_ERROR("Oversized DS_PING from Node %s Datastore %s", nodeuuid, node->dsuuid);
+        return;
+    }
+    CV_INFO("Send DS_PING %zuB from Node %s Datastore %s", len, nodeuuid, node->dsuuid);
+    xmit_msg(buf, len, so, counter::DS_PING);
+}
+
+// VDISK_DELETED: the header, then the node id and the VDisk's uuid text in
+// its 14-byte field, which holds no terminator when the text fills it.
+int build_vdisk_deleted(const Node* node, const char* vdiskuuid, char* buf, size_t buflen,
+                        size_t* msglen) {
+    DatagramWriter w(buf, buflen);
+    if (!put_header(&w, buf, buflen, node, msg::VDISK_DELETED)) return -1;
+    CV_DEBUG("APPEND VDisk Deleted header %zu bytes", sizeof(Hdr));
+    VDiskDeleteEntry vdd = {};
+    const size_t n = std::strlen(vdiskuuid);
+    if (n > sizeof vdd.uuid) return -1;
+    vdd.node = node->hdr.uid;
+    std::memcpy(vdd.uuid, vdiskuuid, n);
+    if (!w.put(vdd)) return -1;
+    CV_DEBUG("APPEND VDisk Deleted entry %zu bytes", sizeof(VDiskDeleteEntry));
+    *msglen = w.length();
+    return 0;
+}
+
+// Announces that a local node dropped a VDisk, with an AUX_PING after it.
+// The VDisk is not looked up: a client announces a VDisk it has already
+// removed from the store.
+void send_vdisk_deleted(const char* nodeuuid, const char* vdiskuuid, char* buf, size_t buflen,
+                        int so) {
+    Node* node = find_local_node(nodeuuid);
+    if (node == nullptr) return;
+    prepare_local_node(node);
+    if (load_local_node(node, 0) < 0) return;
+    size_t len = 0;
+    if (build_vdisk_deleted(node, vdiskuuid, buf, buflen, &len) < 0) {
+        CV_ERROR("Oversized VDISK_DELETED from Node %s VDisk %s", nodeuuid, vdiskuuid);
+        return;
+    }
+    CV_INFO("Send VDISK_DELETED %zuB from Node %s VDisk %s", len, nodeuuid, vdiskuuid);
+    xmit_msg(buf, len, so, counter::VDISK_DEL);
+    send_aux_ping(node, buf, buflen, so, __func__);
+}
+
+// The commands. Each runs the command line in ccp->buf (its line end
+// already cut off) with the message buffer and the datagram socket.
+int single_vdisk_ping_cmd(CtrlConn* ccp, char* buf, size_t buflen, int so) {
+    char *node, *vdisk;
+    if (!node_and_vdisk_args(ccp->buf.get(), "single_vdisk_ping", &node, &vdisk)) return -1;
+    CV_NOTICE_AS(kHandle, "MSG from CTRL client %s:%d: SINGLE_VDISK_PING Node=%s VDisk=%s",
+                 ccp->addr, ccp->port, node, vdisk);
+    send_single_vdisk_ping(node, vdisk, buf, buflen, so);
+    return 0;
+}
+
+int ds_ping_cmd(CtrlConn* ccp, char* buf, size_t buflen, int so) {
+    const char* node = cut_at_blank(ccp->buf.get());
+    if (node == nullptr) {
+        CV_ERROR_AS(kHandle, "Missing Node UUID for CTRL ds_ping");
+        return -1;
+    }
+    CV_NOTICE_AS(kHandle, "MSG from CTRL client %s:%d: DS_PING Node=%s", ccp->addr, ccp->port,
+                 node);
+    send_ds_ping(node, buf, buflen, so);
+    return 0;
+}
+
+int vdisk_deleted_cmd(CtrlConn* ccp, char* buf, size_t buflen, int so) {
+    char *node, *vdisk;
+    if (!node_and_vdisk_args(ccp->buf.get(), "vdisk_deleted", &node, &vdisk)) return -1;
+    CV_NOTICE_AS(kHandle, "MSG from CTRL client %s:%d: VDISK_DELETED Node=%s VDisk=%s", ccp->addr,
+                 ccp->port, node, vdisk);
+    send_vdisk_deleted(node, vdisk, buf, buflen, so);
+    return 0;
+}
+
+// Keywords are tried in this order against the start of the line, ignoring
+// case and comparing only the keyword's own characters: "ds_pingX 1" runs
+// ds_ping.
+struct CtrlCommand {
+    std::string_view keyword;
+    int (*run)(CtrlConn* ccp, char* buf, size_t buflen, int so);
+};
+constexpr CtrlCommand kCommands[] = {
+    {"single_vdisk_ping", single_vdisk_ping_cmd},
+    {"ds_ping", ds_ping_cmd},
+    {"vdisk_deleted", vdisk_deleted_cmd},
+};
+
+}  // namespace
+
+Node* find_local_node(const char* nodeuuid) {
+    for (auto& node : local_nodes)
+        if (std::strcmp(node->nodeuuid, nodeuuid) == 0) return node.get();
+    return nullptr;
+}
+
+int handle_ctrl_cmd(CtrlConn* ccp, char* buf, size_t buflen, int so) {
+    char* line = ccp->buf.get();
+    char* lf = std::strchr(line, '\n');
+    if (lf == nullptr) {
+        CV_ERROR("Malformed CTRL MSG %s", line);
+        return -1;
+    }
+    *lf = '\0';
+    if (lf > line && lf[-1] == '\r') lf[-1] = '\0';
+    for (const CtrlCommand& c : kCommands) {
+        if (::strncasecmp(line, c.keyword.data(), c.keyword.size()) == 0)
+            return c.run(ccp, buf, buflen, so);
+    }
+    CV_NOTICE("MSG (ignored) from CTRL client %s:%d: %s", ccp->addr, ccp->port, line);
+    return 0;
+}
+
+int CtrlConnAlloc(CtrlConnPtr* ccpp) {
+    // The one place a connection record is made; it is owned at once.
+    CtrlConnPtr ccp(new (std::nothrow) CtrlConn);
+    if (!ccp) {
+        CV_ERROR("calloc(1, %zu): %s", sizeof(CtrlConn), std::strerror(ENOMEM));
+        return -1;
+    }
+    const size_t size = static_cast<size_t>(cfg_msg_buffer_size);
+    ccp->buf.reset(static_cast<char*>(std::calloc(1, size)));
+    if (!ccp->buf) {
+        CV_ERROR("calloc(1, %zu): %s", size, std::strerror(errno));
+        return -1;
+    }
+    *ccpp = std::move(ccp);
+    return 0;
+}
+
+void CtrlConnFree(CtrlConn* ccp) {
+    if (ccp == nullptr) return;
+    if (ccp->so >= 0) {
+        CV_NOTICE("Closing CTRL connection from %s:%d", ccp->addr, ccp->port);
+        fd_close(ccp->so);
+        ccp->so = -1;
+    }
+    delete ccp;  // CtrlConnPtr's deleter: the record came from CtrlConnAlloc
+}
+
+void CtrlConnListFlush(CtrlConnList* cclp) {
+    while (!cclp->empty()) cclp->pop_front();
+}
+
+bool serve_ctrl_conns(CtrlConnList* cclp, const fd_set* rfds, char* buf, size_t buflen, int so) {
+    // One byte of the read buffer stays for the terminator.
+    const size_t room = static_cast<size_t>(cfg_msg_buffer_size) - 1;
+    bool closed = false;
+    for (auto it = cclp->begin(); it != cclp->end();) {
+        CtrlConn* ccp = it->get();
+        if (!FD_ISSET(ccp->so, rfds)) {
+            ++it;
+            continue;
+        }
+        ssize_t n;
+        do {
+            n = ::read(ccp->so, ccp->buf.get(), room);
+        } while (n < 0 && errno == EINTR);
+        if (n > 0) {
+            ccp->buf.get()[n] = '\0';
+            handle_ctrl_cmd(ccp, buf, buflen, so);
+            ++it;
+            continue;
+        }
+        if (n == 0)
+            CV_NOTICE_AS(kLoop, "EOF from CTRL client %s:%d", ccp->addr, ccp->port);
+        else
+            CV_ERROR_AS(kLoop, "read(%s:%d): %s", ccp->addr, ccp->port, std::strerror(errno));
+        it = cclp->erase(it);
+        closed = true;
+    }
+    return closed;
+}
+
+bool accept_ctrl_conn(int ctrlso, CtrlConnList* cclp) {
+    CtrlConnPtr ccp;
+    if (CtrlConnAlloc(&ccp) < 0) return false;
+    ccp->so = tcp_accept(ctrlso, ccp->addr, &ccp->port);
+    if (ccp->so < 0) return false;
+    // A descriptor beyond the select set cannot be watched: putting it into
+    // an fd_set would write past the set. The client is hung up on at once
+    // (with the closing notice), and the connections that fit go on being
+    // served; a later client gets a lower descriptor once others closed.
+    if (!fd_fits_select_set(ccp->so)) {
+        CV_ERROR_AS(kLoop,
+                    "CTRL connection from %s:%d on descriptor %d beyond select() capacity %d",
+                    ccp->addr, ccp->port, ccp->so, FD_SETSIZE);
+        return false;
+    }
+    if (fd_blocking(ccp->so, 0) < 0) return false;
+    CV_NOTICE_AS(kLoop, "Accepted CTRL connection from %s:%d", ccp->addr, ccp->port);
+    cclp->push_back(std::move(ccp));
+    return true;
+}
+
+}  // namespace corvald
