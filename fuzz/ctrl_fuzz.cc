@@ -48,7 +48,8 @@ corvald::CtrlConn g_conn;
 // address in *sa.
 int loopback_socket(struct sockaddr_in* sa) {
     int so = ::socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0);
-    if (so < 0) fail("socket");
+    if (so < 0)
+        fail("socket");
     *sa = {};
     sa->sin_family = AF_INET;
     sa->sin_addr.s_addr = htonl(INADDR_LOOPBACK);
@@ -72,7 +73,8 @@ void setup() {
     g_sink = loopback_socket(&sa);
     cfg_unicast_mode = 1;
     Host sink;
-    if (HostInit(&sink, "127.0.0.1", ntohs(sa.sin_port)) != 0) fail("HostInit");
+    if (HostInit(&sink, "127.0.0.1", ntohs(sa.sin_port)) != 0)
+        fail("HostInit");
     unicast_hosts.push_back(sink);
 
     const auto size = static_cast<size_t>(cfg_msg_buffer_size);
@@ -81,7 +83,8 @@ void setup() {
     g_conn.port = 40000;
     std::strcpy(g_conn.addr, "127.0.0.1");
     g_conn.buf.reset(static_cast<char*>(std::calloc(1, size)));
-    if (!g_conn.buf) fail("calloc");
+    if (!g_conn.buf)
+        fail("calloc");
 }
 
 void drain_sink() {

@@ -33,10 +33,14 @@ constexpr const char* kSendPings = "send_pings";
 bool put_vdisk_blocks(DatagramWriter* w, const VDiskTree& vdisks, bool snapshots) {
     const char* kind = snapshots ? "Snapshot" : "Plain";
     for (const auto& [uuid, vd] : vdisks) {
-        if ((vd->vde.snapshot != 0) != snapshots) continue;
-        if (!w->put(vd->vde)) return false;
-        CV_DEBUG_AS("build_vdisk_ping", "APPEND %s VDisk entry %zu bytes", kind, sizeof(VDiskEntry));
-        if (!put_members_frontends(w, *vd, kind, "build_vdisk_ping")) return false;
+        if ((vd->vde.snapshot != 0) != snapshots)
+            continue;
+        if (!w->put(vd->vde))
+            return false;
+        CV_DEBUG_AS("build_vdisk_ping", "APPEND %s VDisk entry %zu bytes", kind,
+                    sizeof(VDiskEntry));
+        if (!put_members_frontends(w, *vd, kind, "build_vdisk_ping"))
+            return false;
     }
     return true;
 }
@@ -59,7 +63,8 @@ bool load_vdisks(Node* node, const char** failed) {
 void announce_node(Node* node, char* buf, size_t buflen, int so) {
     prepare_local_node(node);
     int ds_rc = 0;
-    if (load_local_node(node, kLoadDSMember | kLoadVDisks, &ds_rc) < 0) return;
+    if (load_local_node(node, kLoadDSMember | kLoadVDisks, &ds_rc) < 0)
+        return;
 
     // A refused datastoremember (ds_rc -2) skips the DS_PING like a data
     // store that cannot be loaded: an empty DS_PING would tell every peer
@@ -111,11 +116,13 @@ bool put_header(DatagramWriter* w, char* buf, size_t buflen, const Node* node, u
 
 bool put_members_frontends(DatagramWriter* w, const VDisk& vd, const char* kind, const char* op) {
     for (const Member& m : vd.members) {
-        if (!w->put(m.mbe)) return false;
+        if (!w->put(m.mbe))
+            return false;
         CV_DEBUG_AS(op, "APPEND %s Member entry %zu bytes", kind, sizeof(MemberEntry));
     }
     for (const Frontend& f : vd.frontends) {
-        if (!w->put(f.fee)) return false;
+        if (!w->put(f.fee))
+            return false;
         CV_DEBUG_AS(op, "APPEND %s Frontend entry %zu bytes", kind, sizeof(FrontendEntry));
     }
     return true;
@@ -123,20 +130,26 @@ bool put_members_frontends(DatagramWriter* w, const VDisk& vd, const char* kind,
 
 int load_local_node(Node* node, unsigned what, int* ds_rc) {
     HeldLock lock;
-    if (lock.take(NodeLockName(node->nodeid)) < 0) return -1;
-    if (NodeLoad(node) < 0) return -1;
+    if (lock.take(NodeLockName(node->nodeid)) < 0)
+        return -1;
+    if (NodeLoad(node) < 0)
+        return -2;
     if (what & (kLoadDSMember | kRequireDSMember)) {
         const int rc = NodeLoad_DSMember(node->nodeuuid, node->dsuuid, sizeof node->dsuuid);
-        if (ds_rc != nullptr) *ds_rc = rc;
-        if (rc < 0 && (what & kRequireDSMember)) return -1;
+        if (ds_rc != nullptr)
+            *ds_rc = rc;
+        if (rc < 0 && (what & kRequireDSMember))
+            return -2;
     }
-    if ((what & kLoadVDisks) && NodeLoad_VDisks(node->nodeid, &node->vdisks) < 0) return -1;
+    if ((what & kLoadVDisks) && NodeLoad_VDisks(node->nodeid, &node->vdisks) < 0)
+        return -2;
     return 0;
 }
 
 int load_datastore(Node* node) {
     HeldLock lock;
-    if (lock.take(DatastoreLockNameStr(node->dsuuid)) < 0) return -1;
+    if (lock.take(DatastoreLockNameStr(node->dsuuid)) < 0)
+        return -1;
     return DatastoreLoad(node->dsuuid, &node->dse);
 }
 
@@ -160,10 +173,12 @@ void prepare_local_node(Node* node) {
 
 int build_ds_ping(const Node* node, char* buf, size_t buflen, size_t* msglen) {
     DatagramWriter w(buf, buflen);
-    if (!put_header(&w, buf, buflen, node, msg::DS_PING)) return -1;
+    if (!put_header(&w, buf, buflen, node, msg::DS_PING))
+        return -1;
     CV_DEBUG("APPEND Datastore Ping header %zu bytes", sizeof(Hdr));
     if (node->dsuuid[0] != '\0') {
-        if (!w.put(node->dse)) return -1;
+        if (!w.put(node->dse))
+            return -1;
         CV_DEBUG("APPEND Datastore Ping entry %zu bytes", sizeof(DatastoreEntry));
     }
     *msglen = w.length();
@@ -172,12 +187,14 @@ int build_ds_ping(const Node* node, char* buf, size_t buflen, size_t* msglen) {
 
 int build_aux_ping(const Node* node, char* buf, size_t buflen, size_t* msglen) {
     DatagramWriter w(buf, buflen);
-    if (!put_header(&w, buf, buflen, node, msg::AUX_PING)) return -1;
+    if (!put_header(&w, buf, buflen, node, msg::AUX_PING))
+        return -1;
     // The capacity record follows one zero byte behind the header.
     CV_DEBUG("APPEND Node Ping header %zu bytes", AUX_PING_DATA_OFFSET);
     AuxPingData aux = node->aux;
     aux.length = sizeof(AuxPingData);
-    if (!w.put_zeros(1) || !w.put(aux)) return -1;
+    if (!w.put_zeros(1) || !w.put(aux))
+        return -1;
     CV_DEBUG("APPEND Node Ping data %zu bytes", sizeof(AuxPingData));
     *msglen = w.length();
     return 0;
@@ -185,7 +202,8 @@ int build_aux_ping(const Node* node, char* buf, size_t buflen, size_t* msglen) {
 
 int build_vdisk_ping(const Node* node, char* buf, size_t buflen, size_t* msglen) {
     DatagramWriter w(buf, buflen);
-    if (!put_header(&w, buf, buflen, node, msg::PING)) return -1;
+    if (!put_header(&w, buf, buflen, node, msg::PING))
+        return -1;
     CV_DEBUG("APPEND VDisk Ping header %zu bytes", sizeof(Hdr));
     // Plain VDisks first, then snapshots, each pass in uuid order: a
     // receiver then meets a parent before its snapshots.
@@ -197,7 +215,8 @@ int build_vdisk_ping(const Node* node, char* buf, size_t buflen, size_t* msglen)
 
 int build_heartbeat(const Node* node, char* buf, size_t buflen, size_t* msglen) {
     DatagramWriter w(buf, buflen);
-    if (!put_header(&w, buf, buflen, node, msg::HEARTBEAT)) return -1;
+    if (!put_header(&w, buf, buflen, node, msg::HEARTBEAT))
+        return -1;
     CV_DEBUG("APPEND Node Heartbeat header %zu bytes", sizeof(Hdr));
     *msglen = w.length();
     return 0;
@@ -226,7 +245,8 @@ int xmit_msg(const char* buf, size_t msglen, int so, int idx) {
         }
         CV_DEBUG("sendto(%s:%u, %zu): %zd", h.ipaddr, port, msglen, sent);
         stats_tx_raise(counter::ALL);
-        if (idx >= 1 && idx < counter::TX_COUNT) stats_tx_raise(idx);
+        if (idx >= 1 && idx < counter::TX_COUNT)
+            stats_tx_raise(idx);
     }
     return result;
 }
@@ -239,7 +259,8 @@ void send_heartbeats(char* buf, size_t buflen, int so) {
     for (auto& np : local_nodes) {
         Node* node = np.get();
         prepare_local_node(node);
-        if (load_local_node(node, 0) < 0) continue;
+        if (load_local_node(node, 0) < 0)
+            continue;
         size_t len = 0;
         if (build_heartbeat(node, buf, buflen, &len) < 0) {
             CV_ERROR("Oversized HEARTBEAT from Node %s", node->nodeuuid);

@@ -37,7 +37,8 @@ constexpr const char* kHandle = "handle_ctrl_cmd";
 // has none.
 char* cut_at_blank(char* s) {
     char* blank = std::strchr(s, ' ');
-    if (blank == nullptr) return nullptr;
+    if (blank == nullptr)
+        return nullptr;
     *blank = '\0';
     return blank + 1;
 }
@@ -62,12 +63,15 @@ bool node_and_vdisk_args(char* cmd, const char* keyword, char** node, char** vdi
 int build_single_vdisk_ping(const Node* node, const VDisk* vdisk, char* buf, size_t buflen,
                             size_t* msglen) {
     DatagramWriter w(buf, buflen);
-    if (!put_header(&w, buf, buflen, node, msg::SINGLE_VDISK_PING)) return -1;
+    if (!put_header(&w, buf, buflen, node, msg::SINGLE_VDISK_PING))
+        return -1;
     CV_DEBUG("APPEND Single VDisk Ping header %zu bytes", sizeof(Hdr));
-    if (!w.put(vdisk->vde)) return -1;
+    if (!w.put(vdisk->vde))
+        return -1;
     const char* kind = vdisk->vde.snapshot != 0 ? "Snapshot" : "Plain";
     CV_DEBUG("APPEND Single %s VDisk entry %zu bytes", kind, sizeof(VDiskEntry));
-    if (!put_members_frontends(&w, *vdisk, kind, __func__)) return -1;
+    if (!put_members_frontends(&w, *vdisk, kind, __func__))
+        return -1;
     *msglen = w.length();
     return 0;
 }
@@ -78,14 +82,18 @@ int build_single_vdisk_ping(const Node* node, const VDisk* vdisk, char* buf, siz
 void send_single_vdisk_ping(const char* nodeuuid, const char* vdiskuuid, char* buf, size_t buflen,
                             int so) {
     Node* node = find_local_node(nodeuuid);
-    if (node == nullptr) return;
+    if (node == nullptr)
+        return;
     prepare_local_node(node);
-    if (load_local_node(node, kRequireDSMember | kLoadVDisks) < 0) return;
+    if (load_local_node(node, kRequireDSMember | kLoadVDisks) < 0)
+        return;
     VDisk* vdisk = VDiskTree_RB_FIND(&node->vdisks, std::string_view(vdiskuuid));
-    if (vdisk == nullptr) return;
+    if (vdisk == nullptr)
+        return;
     {
         HeldLock lock;
-        if (lock.take(VDiskLockName(vdisk->vdiskuuid)) < 0 || VDiskLoad(node, vdisk) < 0) return;
+        if (lock.take(VDiskLockName(vdisk->vdiskuuid)) < 0 || VDiskLoad(node, vdisk) < 0)
+            return;
     }
     size_t len = 0;
     if (build_single_vdisk_ping(node, vdisk, buf, buflen, &len) < 0) {
@@ -100,15 +108,19 @@ void send_single_vdisk_ping(const char* nodeuuid, const char* vdiskuuid, char* b
 // The DS_PING of a local node, alone.
 void send_ds_ping(const char* nodeuuid, char* buf, size_t buflen, int so) {
     Node* node = find_local_node(nodeuuid);
-    if (node == nullptr) return;
+    if (node == nullptr)
+        return;
     prepare_local_node(node);
     int ds_rc = 0;
-    if (load_local_node(node, kLoadDSMember, &ds_rc) < 0) return;
+    if (load_local_node(node, kLoadDSMember, &ds_rc) < 0)
+        return;
     // A datastoremember that names no plain directory is refused (-2) and
     // sends nothing, as in the ping cycle: a DS_PING without the entry would
     // tell every peer that the node left its data store.
-    if (ds_rc == -2) return;
-    if (node->dsuuid[0] != '\0' && load_datastore(node) < 0) return;
+    if (ds_rc == -2)
+        return;
+    if (node->dsuuid[0] != '\0' && load_datastore(node) < 0)
+        return;
     size_t len = 0;
     if (build_ds_ping(node, buf, buflen, &len) < 0) {
         CV_ERROR("Oversized DS_PING from Node %s Datastore %s", nodeuuid, node->dsuuid);
@@ -123,14 +135,17 @@ void send_ds_ping(const char* nodeuuid, char* buf, size_t buflen, int so) {
 int build_vdisk_deleted(const Node* node, const char* vdiskuuid, char* buf, size_t buflen,
                         size_t* msglen) {
     DatagramWriter w(buf, buflen);
-    if (!put_header(&w, buf, buflen, node, msg::VDISK_DELETED)) return -1;
+    if (!put_header(&w, buf, buflen, node, msg::VDISK_DELETED))
+        return -1;
     CV_DEBUG("APPEND VDisk Deleted header %zu bytes", sizeof(Hdr));
     VDiskDeleteEntry vdd = {};
     const size_t n = std::strlen(vdiskuuid);
-    if (n > sizeof vdd.uuid) return -1;
+    if (n > sizeof vdd.uuid)
+        return -1;
     vdd.node = node->hdr.uid;
     std::memcpy(vdd.uuid, vdiskuuid, n);
-    if (!w.put(vdd)) return -1;
+    if (!w.put(vdd))
+        return -1;
     CV_DEBUG("APPEND VDisk Deleted entry %zu bytes", sizeof(VDiskDeleteEntry));
     *msglen = w.length();
     return 0;
@@ -142,9 +157,11 @@ int build_vdisk_deleted(const Node* node, const char* vdiskuuid, char* buf, size
 void send_vdisk_deleted(const char* nodeuuid, const char* vdiskuuid, char* buf, size_t buflen,
                         int so) {
     Node* node = find_local_node(nodeuuid);
-    if (node == nullptr) return;
+    if (node == nullptr)
+        return;
     prepare_local_node(node);
-    if (load_local_node(node, 0) < 0) return;
+    if (load_local_node(node, 0) < 0)
+        return;
     size_t len = 0;
     if (build_vdisk_deleted(node, vdiskuuid, buf, buflen, &len) < 0) {
         CV_ERROR("Oversized VDISK_DELETED from Node %s VDisk %s", nodeuuid, vdiskuuid);
@@ -159,7 +176,8 @@ void send_vdisk_deleted(const char* nodeuuid, const char* vdiskuuid, char* buf, 
 // already cut off) with the message buffer and the datagram socket.
 int single_vdisk_ping_cmd(CtrlConn* ccp, char* buf, size_t buflen, int so) {
     char *node, *vdisk;
-    if (!node_and_vdisk_args(ccp->buf.get(), "single_vdisk_ping", &node, &vdisk)) return -1;
+    if (!node_and_vdisk_args(ccp->buf.get(), "single_vdisk_ping", &node, &vdisk))
+        return -1;
     CV_NOTICE_AS(kHandle, "MSG from CTRL client %s:%d: SINGLE_VDISK_PING Node=%s VDisk=%s",
                  ccp->addr, ccp->port, node, vdisk);
     send_single_vdisk_ping(node, vdisk, buf, buflen, so);
@@ -180,11 +198,30 @@ int ds_ping_cmd(CtrlConn* ccp, char* buf, size_t buflen, int so) {
 
 int vdisk_deleted_cmd(CtrlConn* ccp, char* buf, size_t buflen, int so) {
     char *node, *vdisk;
-    if (!node_and_vdisk_args(ccp->buf.get(), "vdisk_deleted", &node, &vdisk)) return -1;
+    if (!node_and_vdisk_args(ccp->buf.get(), "vdisk_deleted", &node, &vdisk))
+        return -1;
     CV_NOTICE_AS(kHandle, "MSG from CTRL client %s:%d: VDISK_DELETED Node=%s VDisk=%s", ccp->addr,
                  ccp->port, node, vdisk);
     send_vdisk_deleted(node, vdisk, buf, buflen, so);
     return 0;
+}
+
+// "store_json" and "delete_json": the whole line goes to the JSON command
+// handler, which takes its own parameters apart.
+int json_cmd(CtrlConn* ccp, char* buf, size_t buflen, int so, int is_store) {
+    char* line = ccp->buf.get();
+    line[cfg_msg_buffer_size - 1] = '\0';
+    CV_NOTICE_AS(kHandle, "MSG from CTRL client %s:%d: %s JSON", ccp->addr, ccp->port,
+                 is_store ? "STORE" : "DELETE");
+    return json_cmd_handler(line, std::strlen(line), buf, buflen, so, is_store);
+}
+
+int store_json_cmd(CtrlConn* ccp, char* buf, size_t buflen, int so) {
+    return json_cmd(ccp, buf, buflen, so, 1);
+}
+
+int delete_json_cmd(CtrlConn* ccp, char* buf, size_t buflen, int so) {
+    return json_cmd(ccp, buf, buflen, so, 0);
 }
 
 // Keywords are tried in this order against the start of the line, ignoring
@@ -198,13 +235,16 @@ constexpr CtrlCommand kCommands[] = {
     {"single_vdisk_ping", single_vdisk_ping_cmd},
     {"ds_ping", ds_ping_cmd},
     {"vdisk_deleted", vdisk_deleted_cmd},
+    {"store_json", store_json_cmd},
+    {"delete_json", delete_json_cmd},
 };
 
 }  // namespace
 
 Node* find_local_node(const char* nodeuuid) {
     for (auto& node : local_nodes)
-        if (std::strcmp(node->nodeuuid, nodeuuid) == 0) return node.get();
+        if (std::strcmp(node->nodeuuid, nodeuuid) == 0)
+            return node.get();
     return nullptr;
 }
 
@@ -216,7 +256,8 @@ int handle_ctrl_cmd(CtrlConn* ccp, char* buf, size_t buflen, int so) {
         return -1;
     }
     *lf = '\0';
-    if (lf > line && lf[-1] == '\r') lf[-1] = '\0';
+    if (lf > line && lf[-1] == '\r')
+        lf[-1] = '\0';
     for (const CtrlCommand& c : kCommands) {
         if (::strncasecmp(line, c.keyword.data(), c.keyword.size()) == 0)
             return c.run(ccp, buf, buflen, so);
@@ -243,7 +284,8 @@ int CtrlConnAlloc(CtrlConnPtr* ccpp) {
 }
 
 void CtrlConnFree(CtrlConn* ccp) {
-    if (ccp == nullptr) return;
+    if (ccp == nullptr)
+        return;
     if (ccp->so >= 0) {
         CV_NOTICE("Closing CTRL connection from %s:%d", ccp->addr, ccp->port);
         fd_close(ccp->so);
@@ -286,11 +328,13 @@ bool serve_ctrl_conns(CtrlConnList* cclp, const fd_set* rfds, char* buf, size_t 
     return closed;
 }
 
-bool accept_ctrl_conn(int ctrlso, CtrlConnList* cclp) {
+int accept_ctrl_conn(int ctrlso, CtrlConnList* cclp) {
     CtrlConnPtr ccp;
-    if (CtrlConnAlloc(&ccp) < 0) return false;
+    if (CtrlConnAlloc(&ccp) < 0)
+        return -1;
     ccp->so = tcp_accept(ctrlso, ccp->addr, &ccp->port);
-    if (ccp->so < 0) return false;
+    if (ccp->so < 0)
+        return -1;
     // A descriptor beyond the select set cannot be watched: putting it into
     // an fd_set would write past the set. The client is hung up on at once
     // (with the closing notice), and the connections that fit go on being
@@ -299,12 +343,13 @@ bool accept_ctrl_conn(int ctrlso, CtrlConnList* cclp) {
         CV_ERROR_AS(kLoop,
                     "CTRL connection from %s:%d on descriptor %d beyond select() capacity %d",
                     ccp->addr, ccp->port, ccp->so, FD_SETSIZE);
-        return false;
+        return 0;
     }
-    if (fd_blocking(ccp->so, 0) < 0) return false;
+    if (fd_blocking(ccp->so, 0) < 0)
+        return 0;
     CV_NOTICE_AS(kLoop, "Accepted CTRL connection from %s:%d", ccp->addr, ccp->port);
     cclp->push_back(std::move(ccp));
-    return true;
+    return 1;
 }
 
 }  // namespace corvald

@@ -56,9 +56,15 @@ time_t heartbeat_ts;
 time_t stats_ts;
 time_t json_ping_ts;
 
-void sigint(int) { do_exit = 1; }
-void sighup(int) { do_reload = 1; }
-void sigusr1(int) { force_pings = 1; }
+void sigint(int) {
+    do_exit = 1;
+}
+void sighup(int) {
+    do_reload = 1;
+}
+void sigusr1(int) {
+    force_pings = 1;
+}
 
 // No SA_RESTART: a signal must interrupt select so the loop reacts at once.
 void set_disposition(int sig, void (*handler)(int)) {
@@ -80,6 +86,11 @@ struct LoopRun {
     UniqueFd so;
     UniqueFd ctrlso;
     CtrlConnList ccl;
+    // Set when an accept took nothing from the listen queue (out of
+    // descriptors or memory): the listener is then left out of the read set
+    // until a connection closes or the clock moves past accept_paused_at.
+    bool accept_paused = false;
+    time_t accept_paused_at = 0;
     fd_set fds;
     int nfds = 0;
 };
@@ -89,18 +100,26 @@ struct LoopRun {
 void watch_fd(fd_set* fds, int* top, int fd) {
     assert(fd_fits_select_set(fd));
     FD_SET(fd, fds);
-    if (fd > *top) *top = fd;
+    if (fd > *top)
+        *top = fd;
 }
 
-// Rebuilds the read set from the datagram socket, the listener and every
-// control connection, and stores one above the highest in *nfdsp.
+// Rebuilds the read set from the datagram socket, the listener (unless it is
+// -1) and every control connection, and stores one above the highest in
+// *nfdsp.
 void update_fds(fd_set* fds, int* nfdsp, int so, int ctrlso, const CtrlConnList* cclp) {
     FD_ZERO(fds);
     int top = -1;
     watch_fd(fds, &top, so);
-    watch_fd(fds, &top, ctrlso);
+    if (ctrlso >= 0)
+        watch_fd(fds, &top, ctrlso);
     for (const CtrlConnPtr& ccp : *cclp) watch_fd(fds, &top, ccp->so);
     *nfdsp = top + 1;
+}
+
+void refresh_fds(LoopRun* lp) {
+    update_fds(&lp->fds, &lp->nfds, lp->so.get(), lp->accept_paused ? -1 : lp->ctrlso.get(),
+               &lp->ccl);
 }
 
 // Start-up of the loop in the order of its dependencies; 0, or -1 after the
@@ -114,27 +133,33 @@ int loop_start(LoopRun* lp) {
     }
     // The interface address is needed for multicast only, but a missing
     // interface fails the start in unicast mode too.
-    if (get_interface_addr(cfg_bind_interface.c_str(), &lp->if_addr) < 0) return -1;
+    if (get_interface_addr(cfg_bind_interface.c_str(), &lp->if_addr) < 0)
+        return -1;
 
     lp->bind_addr.sin_family = AF_INET;
     lp->bind_addr.sin_addr.s_addr = htonl(INADDR_ANY);
     lp->bind_addr.sin_port = htons(static_cast<uint16_t>(cfg_bind_port));
     lp->so.reset(open_socket(&lp->bind_addr));
-    if (!lp->so) return -1;
+    if (!lp->so)
+        return -1;
 
     lp->ctrlso.reset(tcp_listen(cfg_ctrl_address.c_str(), cfg_ctrl_port, 0));
-    if (!lp->ctrlso) return -1;
-    if (fd_blocking(lp->ctrlso.get(), 0) < 0) return -1;
+    if (!lp->ctrlso)
+        return -1;
+    if (fd_blocking(lp->ctrlso.get(), 0) < 0)
+        return -1;
 
     if (cfg_unicast_mode == 0) {
-        if (parse_mcast_groups(&multicast_groups) < 0) return -1;
+        if (parse_mcast_groups(&multicast_groups) < 0)
+            return -1;
         // No group means no destination at all in multicast mode: the start
         // fails rather than run a daemon that announces to nobody.
         if (multicast_groups.empty()) {
             CV_ERROR_AS(kLoop, "Multicast groups missing");
             return -1;
         }
-        if (join_mcast_groups(lp->so.get(), &lp->if_addr, multicast_groups) < 0) return -1;
+        if (join_mcast_groups(lp->so.get(), &lp->if_addr, multicast_groups) < 0)
+            return -1;
     }
 
     // Descriptors inherited open from the parent could push ours past the
@@ -147,7 +172,7 @@ int loop_start(LoopRun* lp) {
     }
     // The listener is watched from the first turn on: a waiting client makes
     // select return, and the turn accepts it.
-    update_fds(&lp->fds, &lp->nfds, lp->so.get(), lp->ctrlso.get(), &lp->ccl);
+    refresh_fds(lp);
     return 0;
 }
 
@@ -174,7 +199,9 @@ void stats() {
     std::memset(stats_tx_short, 0, sizeof stats_tx_short);
 }
 
-bool due(time_t ts, int interval) { return std::time(nullptr) >= ts + interval; }
+bool due(time_t ts, int interval) {
+    return std::time(nullptr) >= ts + interval;
+}
 
 // Both files, in either mode; a failed load keeps the list in force and is
 // not retried before the next SIGHUP.
@@ -228,8 +255,14 @@ bool loop_pass(LoopRun* lp, int* error) {
     struct timeval tv = {1, 0};
     int ready = ::select(lp->nfds, &rfds, nullptr, nullptr, &tv);
     if (ready < 0) {
-        if (errno != EINTR) CV_ERROR_AS(kLoop, "select(): %s", std::strerror(errno));
+        if (errno != EINTR)
+            CV_ERROR_AS(kLoop, "select(): %s", std::strerror(errno));
         return true;
+    }
+
+    if (lp->accept_paused && std::time(nullptr) > lp->accept_paused_at) {
+        lp->accept_paused = false;
+        refresh_fds(lp);
     }
 
     run_periodic_tasks(lp);
@@ -245,15 +278,29 @@ bool loop_pass(LoopRun* lp, int* error) {
             return false;
         }
         // A dropped datagram ends the turn: connections wait for the next.
-        if (rc > 0) return true;
+        if (rc > 0)
+            return true;
     }
     // The connections select found readable, then at most one new client:
     // one accept per turn keeps a crowd of clients from holding up the
     // datagrams and the timers.
     bool changed = serve_ctrl_conns(&lp->ccl, &rfds, lp->buf.get(), lp->buflen, lp->so.get());
-    if (FD_ISSET(lp->ctrlso.get(), &rfds) && accept_ctrl_conn(lp->ctrlso.get(), &lp->ccl))
-        changed = true;
-    if (changed) update_fds(&lp->fds, &lp->nfds, lp->so.get(), lp->ctrlso.get(), &lp->ccl);
+    if (changed && lp->accept_paused)
+        lp->accept_paused = false;  // a descriptor came free
+    if (FD_ISSET(lp->ctrlso.get(), &rfds)) {
+        const int rc = accept_ctrl_conn(lp->ctrlso.get(), &lp->ccl);
+        if (rc != 0)
+            changed = true;
+        // The client is still queued and the listener stays readable:
+        // watched, it would turn the one-second wait into a busy loop that
+        // logs the same failure on every turn.
+        if (rc < 0) {
+            lp->accept_paused = true;
+            lp->accept_paused_at = std::time(nullptr);
+        }
+    }
+    if (changed)
+        refresh_fds(lp);
     return true;
 }
 

@@ -58,8 +58,8 @@ enum LocalNodeParts : unsigned {
     kLoadVDisks = 4,       // the names of the node's VDisks, which must load
 };
 // Reloads a prepared local node under its node lock, released before it
-// returns: the header and the parts asked for. 0, or -1 when the lock or a
-// load that must succeed failed (the store code has said why).
+// returns: the header and the parts asked for. 0; -1 when the lock, -2 when
+// a load that must succeed failed (the store code has said why).
 int load_local_node(Node* node, unsigned what, int* ds_rc = nullptr);
 // The entry of the node's data store (dsuuid) under its lock; 0 or -1.
 int load_datastore(Node* node);
@@ -117,9 +117,11 @@ void CtrlConnListFlush(CtrlConnList* cclp);
 // read, one command. True when one was closed (end of input or a failed
 // read) and taken out of the list.
 bool serve_ctrl_conns(CtrlConnList* cclp, const fd_set* rfds, char* buf, size_t buflen, int so);
-// Accepts one connection from the listener ctrlso and appends it; true when
-// the list grew.
-bool accept_ctrl_conn(int ctrlso, CtrlConnList* cclp);
+// Accepts one connection from the listener ctrlso and appends it. 1 when
+// the list grew; 0 when a client was accepted and let go again; -1 when
+// nothing was taken from the listen queue (no memory, or accept failed, as
+// when the process is out of descriptors).
+int accept_ctrl_conn(int ctrlso, CtrlConnList* cclp);
 // Runs the command line at the start of ccp->buf, building its datagrams in
 // buf (buflen bytes) and sending them on so. 0 or -1 (not used by the loop).
 int handle_ctrl_cmd(CtrlConn* ccp, char* buf, size_t buflen, int so);
@@ -150,6 +152,8 @@ int send_pings_json(char* buf, size_t buflen, int so);
 // FD_SETSIZE cannot be put into an fd_set without writing past it, so the
 // loop refuses it: start-up fails, and an accepted control connection must
 // be closed at once (with its closing notice) instead of being watched.
-inline bool fd_fits_select_set(int fd) { return fd >= 0 && fd < FD_SETSIZE; }
+inline bool fd_fits_select_set(int fd) {
+    return fd >= 0 && fd < FD_SETSIZE;
+}
 
 }  // namespace corvald

@@ -21,8 +21,6 @@
 #include "controller/stats.h"
 #include "net/datagram.h"
 #include "store/json_store.h"
-#include "store/lock.h"
-#include "store/node.h"
 
 namespace corvald {
 
@@ -33,37 +31,21 @@ enum storeJsonParameters { NODEUUID = 0, PATH = 1, FILENAME = 2, LAST = 3 };
 
 constexpr char kSeparator = '|';
 
-// The local node whose id text is nodeuuid (compared within the 16-byte
-// field), or nullptr.
-Node* find_local_node(const char* nodeuuid) {
-    for (auto& n : local_nodes)
-        if (std::strncmp(n->nodeuuid, nodeuuid, sizeof jsonEntry::nodeuuid) == 0) return n.get();
-    return nullptr;
-}
-
-// Prepares, locks and loads node; 0, -1 when the lock failed, -2 when the
-// load failed (the lock is then released again). The lock stays held on 0.
-int lock_and_load(Node* node) {
-    prepare_local_node(node);
-    if (NodeLock(node->nodeid) < 0) return -1;
-    if (NodeLoad(node) < 0) {
-        NodeUnlock(node->nodeid);
-        return -2;
-    }
-    return 0;
-}
-
 // Reads up to cap bytes of the document file into text; the count, or -1.
 // A link at the file's place is not followed, as when the store writes it.
 ssize_t read_document(const char* path, char* text, size_t cap) {
     UniqueFd fd(::open(path, O_RDONLY | O_NOFOLLOW | O_CLOEXEC));
-    if (!fd) return -1;
+    if (!fd)
+        return -1;
     size_t got = 0;
     while (got < cap) {
         ssize_t n = ::read(fd.get(), text + got, cap - got);
-        if (n < 0 && errno == EINTR) continue;
-        if (n < 0) return -1;
-        if (n == 0) break;
+        if (n < 0 && errno == EINTR)
+            continue;
+        if (n < 0)
+            return -1;
+        if (n == 0)
+            break;
         got += static_cast<size_t>(n);
     }
     return static_cast<ssize_t>(got);
@@ -87,7 +69,8 @@ int parse_json_params(jsonEntry* json, const char** text, const char* buf, size_
     int param = -1;  // nothing before the first separator counts
     size_t start = 0;
     for (size_t i = 0; i < buflen; i++) {
-        if (buf[i] != kSeparator) continue;
+        if (buf[i] != kSeparator)
+            continue;
         const char* p = buf + start;
         const size_t n = i - start;
         start = i + 1;
@@ -140,7 +123,8 @@ int json_cmd_handler(char* in_buf, size_t in_buflen, char* buf, size_t buflen, i
     // A name that leads out of the JSON tree is refused here, before it is
     // announced: every peer would refuse it as well, and the cluster should
     // not carry it at all.
-    if (json_entry_refused(__func__, &je)) return -1;
+    if (json_entry_refused(__func__, &je))
+        return -1;
     const unsigned char type = is_store ? msg::STORE_JSON : msg::DELETE_JSON;
     if (send_json_ping(&je, text, buf, buflen, so, type) < 0) {
         CV_ERROR("%s JSON Failed to send ping", kind);
@@ -162,7 +146,8 @@ int send_json_ping(jsonEntry* jsonobj, const char* json, char* buf, size_t bufle
                    unsigned char type) {
     Node* node = find_local_node(jsonobj->nodeuuid);
     if (node != nullptr) {
-        const int rc = lock_and_load(node);
+        prepare_local_node(node);
+        const int rc = load_local_node(node, 0);
         if (rc == -1) {
             CV_ERROR("STORE JSON can not lock Node %u", node->nodeid);
             return -1;
@@ -177,7 +162,8 @@ int send_json_ping(jsonEntry* jsonobj, const char* json, char* buf, size_t bufle
         // The header of any local node will do; the entry keeps the node id
         // the client named.
         for (auto& n : local_nodes) {
-            if (lock_and_load(n.get()) == 0) {
+            prepare_local_node(n.get());
+            if (load_local_node(n.get(), 0) == 0) {
                 node = n.get();
                 break;
             }
@@ -187,7 +173,6 @@ int send_json_ping(jsonEntry* jsonobj, const char* json, char* buf, size_t bufle
             return -1;
         }
     }
-    NodeUnlock(node->nodeid);
     jsonobj->major = node->hdr.major;
     jsonobj->minor = node->hdr.minor;
     jsonobj->offset = 0;
@@ -227,14 +212,16 @@ int send_pings_json(char* buf, size_t buflen, int so) {
         return -1;
     }
     UniqueFile f(std::fopen(index, "r"));
-    if (!f) return 0;  // nothing was ever listed here
+    if (!f)
+        return 0;  // nothing was ever listed here
 
     std::vector<char> text(buflen + 1);
     char* raw = nullptr;
     size_t cap = 0;
     ssize_t len;
     while ((len = ::getline(&raw, &cap, f.get())) > 0) {
-        if (raw[len - 1] == '\n') raw[--len] = '\0';
+        if (raw[len - 1] == '\n')
+            raw[--len] = '\0';
         const char* line = raw;
         // The index is a file other programs can write too: a line that names
         // anything but a document of the JSON tree is never read.
@@ -247,7 +234,8 @@ int send_pings_json(char* buf, size_t buflen, int so) {
         jsonEntry je = {};
         if (n < 0 || static_cast<size_t>(n) >= sizeof mtd) {
             CV_DEBUG("too long path for metadata_path %s", line);
-        } else if (json_interact_metadata(mtd, &je, LOAD) < 0 || json_entry_refused(__func__, &je)) {
+        } else if (json_interact_metadata(mtd, &je, LOAD) < 0 ||
+                   json_entry_refused(__func__, &je)) {
             CV_DEBUG("Failed to load metadata for file %s", line);
         } else {
             std::memset(text.data(), 0, buflen);

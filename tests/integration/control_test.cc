@@ -7,6 +7,7 @@
 #include <sys/resource.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <filesystem>
 
 #include "support/daemon.h"
@@ -47,14 +48,20 @@ void connect_all(Daemon& d, int port, std::vector<Client>* held, size_t n) {
         const size_t m = d.mark();
         Client c(port);
         ASSERT_TRUE(d.wait_for_after(m, "CTRL connection from " + c.id));
-        if (held) held->push_back(std::move(c));
+        if (held)
+            held->push_back(std::move(c));
     }
 }
 
 // One daemon on the seed store for every case: the command lines on one
 // connection, then a thousand idle clients and thousands more, then the stop.
 TEST(Control, CommandsAndConnectionsFromFirstToLast) {
-    const rlimit rl = {2 * FD_SETSIZE, 2 * FD_SETSIZE};  // the daemon inherits it
+    // The daemon inherits the soft limit. The hard limit is only ever raised:
+    // lowering it would be for good, for every later test of this process.
+    rlimit rl;
+    ASSERT_EQ(::getrlimit(RLIMIT_NOFILE, &rl), 0);
+    rl.rlim_cur = std::max<rlim_t>(rl.rlim_cur, 2 * FD_SETSIZE);
+    rl.rlim_max = std::max(rl.rlim_max, rl.rlim_cur);
     ASSERT_EQ(::setrlimit(RLIMIT_NOFILE, &rl), 0) << "needs 2 * FD_SETSIZE descriptors";
     SeedStore s;
     UdpSink sink("127.0.0.2", s.cfg.bind_port());  // else the daemon's own socket receives
@@ -77,9 +84,11 @@ TEST(Control, CommandsAndConnectionsFromFirstToLast) {
                       err = "error: handle_ctrl_cmd(): ", ds_msg = msg + "DS_PING Node=1";
     const std::tuple<std::string, std::vector<std::string>, std::vector<Dg>> rows[] = {
         {"single_vdisk_ping 1 " + kPlain + "\r\n",
-         {msg + "SINGLE_VDISK_PING Node=1 VDisk=" + kPlain}, {svp, aux}},
+         {msg + "SINGLE_VDISK_PING Node=1 VDisk=" + kPlain},
+         {svp, aux}},
         {"DS_PING 1\n", {ds_msg}, {ds}},
-        {"vdisk_deleted 1 14-characters!\n", {msg + "VDISK_DELETED Node=1 VDisk=14-characters!"},
+        {"vdisk_deleted 1 14-characters!\n",
+         {msg + "VDISK_DELETED Node=1 VDisk=14-characters!"},
          {vdd, aux}},
         {"Vdisk_Deleted 1 15-characters!!\n",
          {msg + "VDISK_DELETED Node=1 VDisk=15-characters!!",
@@ -92,7 +101,8 @@ TEST(Control, CommandsAndConnectionsFromFirstToLast) {
         {"ds_ping 1 \n", {ds_msg + " "}, {}},  // the node text "1 " is no local node
         {"ds_ping 7\n", {msg + "DS_PING Node=7"}, {}},
         {"ds_pi", {err + "Malformed CTRL MSG ds_pi"}, {}},  // one command in two reads
-        {"ng 1\n", {"notice: handle_ctrl_cmd(): MSG (ignored) from CTRL client " + c.id + ": ng 1"},
+        {"ng 1\n",
+         {"notice: handle_ctrl_cmd(): MSG (ignored) from CTRL client " + c.id + ": ng 1"},
          {}},
         {"ds_ping 1\nvdisk_deleted 1 x\n", {ds_msg}, {ds}},
     };
