@@ -18,6 +18,7 @@
 
 #include "base/config.h"
 #include "base/config_internal.h"
+#include "net/netlib.h"
 #include "render.h"
 #include "send.h"
 #include "view.h"
@@ -37,13 +38,15 @@ void keep_line(int pri, const char* fmt, va_list ap) {
 }
 
 int usage_error(const CLI::App& app, const std::string& what) {
-    std::cerr << "corvalctl: " << what << "\n" << app.help(app.get_parent() ? "corvalctl" : "");
+    std::cerr << "corvalctl: " << ctl::escape(what) << "\n"
+              << app.help(app.get_parent() ? "corvalctl" : "");
     return 1;
 }
 
 // The store's records, one listing; 2 when the store cannot be read.
 int list(const std::string& what, const std::string& uuid, bool json) {
     struct stat st;
+    errno = 0;
     if (::stat(cfg_work_directory.c_str(), &st) != 0 || !S_ISDIR(st.st_mode)) {
         std::cerr << "corvalctl: store " << cfg_work_directory << ": "
                   << (errno ? std::strerror(errno) : "not a directory") << "\n";
@@ -131,8 +134,7 @@ int main(int argc, char** argv) {
     cmd.args.resize(4);
     for (const auto& [name, args] : commands) {
         CLI::App* sub = app.add_subcommand(name, "send one control command to the daemon");
-        for (size_t i = 0; i < args.size(); ++i)
-            sub->add_option(args[i], cmd.args[i])->required()->allow_extra_args(false);
+        for (size_t i = 0; i < args.size(); ++i) sub->add_option(args[i], cmd.args[i])->required();
     }
     try {
         app.parse(argc, argv);
@@ -146,6 +148,9 @@ int main(int argc, char** argv) {
     const std::string name = sub->get_name();
     auto it = std::find_if(commands.begin(), commands.end(),
                            [&](const auto& c) { return name == c.first; });
+    // A VDisk uuid names a directory of the store, and nothing beside it.
+    if (!uuid.empty() && (uuid.size() > 14 || !uuid_is_safe(uuid.c_str(), uuid.size())))
+        return usage_error(*sub, "UUID must be a VDisk uuid of 1 to 14 characters: " + uuid);
     if (it != commands.end()) {
         cmd.keyword = name;
         std::replace(cmd.keyword.begin(), cmd.keyword.end(), '-', '_');

@@ -214,6 +214,10 @@ TEST(Ctl, UsageAndReachErrors) {
     } cases[] = {
         {{}, "", 1, "corvalctl: A subcommand is required"},
         {{"nodes", "extra"}, "", 1, "corvalctl: The following argument was not expected: extra"},
+        {{"vdisks", "../Node/1"},
+         "",
+         1,
+         "corvalctl: UUID must be a VDisk uuid of 1 to 14 characters: ../Node/1"},
         {{"ds-ping", "01"},
          "",
          1,
