@@ -316,9 +316,10 @@ void read_doc(const std::string& file, DocView* d) {
     d->node = bounded(je.nodeuuid, sizeof je.nodeuuid);
     d->path = bounded(je.path, sizeof je.path);
     d->filename = bounded(je.filename, sizeof je.filename);
-    d->lastping = je.lastping;
-    d->age = walk.now - je.lastping;
-    d->expires_in = je.lastping + 5 * int64_t{cfg_json_ping_interval} - walk.now;
+    const int64_t lastping = je.lastping;  // a copy: the packed field is misaligned
+    d->lastping = lastping;
+    d->age = walk.now - lastping;
+    d->expires_in = lastping + 5 * int64_t{cfg_json_ping_interval} - walk.now;
 }
 
 int doc_entry(const char* fpath, const struct stat*, int type, struct FTW*) {
