@@ -116,11 +116,18 @@ TEST(Ctl, ListingsShowEveryRecordAndFollowNoLinkOutOfTheStore) {
     s.write("v2/peer.json.mtd", metadata("7", "", "peer.json", base - 100));
     s.write("v2/local_files", db + "/v2/apps/cfg.json\n");
 
+    // A listing ends with status 0 and nothing on stderr, whatever its records hold.
+    auto list = [&](const std::vector<std::string>& args) {
+        CtlRun r = ctl(s.dir, args);
+        EXPECT_EQ(r.status, 0);
+        EXPECT_EQ(r.err, "");
+        return r.out;
+    };
     const std::string node = R"("ipaddr":"127.0.0.1","version":"v1.8",)";
     const std::string none = R"("ipaddr":null,"version":null,"datastore":null,"vdisks":null,)"
                              R"("lastping":null,"age":null,"state":null,"error":)";
     EXPECT_TRUE(shows(
-        ctl(s.dir, {"-C", conf, "--json", "nodes"}).out,
+        list({"-C", conf, "--json", "nodes"}),
         R"({"nodes":[
 {"id":"1","local":true,)" +
             node +
@@ -140,7 +147,7 @@ TEST(Ctl, ListingsShowEveryRecordAndFollowNoLinkOutOfTheStore) {
 {"id":"07","local":false,)" +
             none + R"("malformed node id"}]})",
         db, base));
-    EXPECT_TRUE(shows(ctl(s.dir, {"nodes", "-C", conf}).out,
+    EXPECT_TRUE(shows(list({"nodes", "-C", conf}),
                       R"(ID  LOCAL  ADDRESS    VERSION  DATASTORE  VDISKS  LASTPING  STATE
 1   yes    127.0.0.1  v1.8     ds01       2       <a5>s ago    alive
 2   no     127.0.0.1  v1.8     ds01       2       <a35>s ago   late
@@ -152,13 +159,12 @@ TEST(Ctl, ListingsShowEveryRecordAndFollowNoLinkOutOfTheStore) {
 )",
                       db, base, false));
 
-    EXPECT_TRUE(shows(ctl(s.dir, {"-C", conf, "--json", "datastores"}).out, R"({"datastores":[
+    EXPECT_TRUE(shows(list({"-C", conf, "--json", "datastores"}), R"({"datastores":[
 {"uuid":"ds01","name":"n\u0007\ufffd\u001b[0m","sector_size":512,"replicas":1,"stripes":1,"members":["1"],"vdisks":2,"error":null},
 {"uuid":"ds02","name":null,"sector_size":null,"replicas":null,"stripes":null,"members":null,"vdisks":null,
  "error":"<db>/Datastore/ds02/stripes: link, not followed"}]})",
                       db, base));
-    EXPECT_NE(ctl(s.dir, {"-C", conf, "datastores"}).out.find(R"(  n\x07\xff\x1b[0m  )"),
-              std::string::npos);
+    EXPECT_NE(list({"-C", conf, "datastores"}).find(R"(  n\x07\xff\x1b[0m  )"), std::string::npos);
 
     const std::string vd = R"("sectors":2097152,"sector_size":512,"replicas":1,)";
     const std::string plain =
@@ -168,7 +174,7 @@ TEST(Ctl, ListingsShowEveryRecordAndFollowNoLinkOutOfTheStore) {
         R"({"node":1,"gen_count":1,"status":1,"frontends":["127.0.0.1"],"error":null},)"
         R"({"node":2,"gen_count":305,"status":7,"frontends":["127.0.0.1"],"error":null}],"error":null})";
     EXPECT_TRUE(shows(
-        ctl(s.dir, {"-C", conf, "--json", "vdisks"}).out,
+        list({"-C", conf, "--json", "vdisks"}),
         R"({"vdisks":[
 {"uuid":"0c71e2aa9f3b10","name":"demo disk snap","size":1073741824,)" +
             vd +
@@ -181,13 +187,13 @@ TEST(Ctl, ListingsShowEveryRecordAndFollowNoLinkOutOfTheStore) {
  "parent":null,"snaptime":null,"description":null,"highest_gen_count":null,"members":null,
  "error":"Failed to load <db>/VDisk/bad/sectors: 0"}]})",
         db, base));
-    EXPECT_TRUE(shows(ctl(s.dir, {"-C", conf, "vdisks", "5f3a9c0e1b2d47", "--json"}).out,
+    EXPECT_TRUE(shows(list({"-C", conf, "vdisks", "5f3a9c0e1b2d47", "--json"}),
                       R"({"vdisks":[)" + plain + "]}", db, base));
 
     const std::string no_doc =
         R"("node":null,"path":null,"filename":null,"lastping":null,"age":null,)"
         R"("expires_in":null,"error":"<db>/v2/)";
-    EXPECT_TRUE(shows(ctl(s.dir, {"-C", conf, "--json", "docs"}).out, R"({"docs":[
+    EXPECT_TRUE(shows(list({"-C", conf, "--json", "docs"}), R"({"docs":[
 {"document":"apps/cfg.json","local":true,"node":"1","path":"apps/","filename":"cfg.json","lastping":<l12>,
  "age":<a12>,"expires_in":<e38>,"error":null},
 {"document":"evil","local":false,)" + no_doc + R"(evil.mtd: link, not followed"},
