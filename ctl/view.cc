@@ -15,6 +15,7 @@
 
 #include "base/config.h"
 #include "controller/controller_internal.h"
+#include "store/json_store.h"
 #include "store/attr.h"
 #include "store/datastore.h"
 #include "store/lock.h"
@@ -304,13 +305,13 @@ void read_doc(const std::string& file, DocView* d) {
         d->error = rc == -1 ? "locked" : failure("lock failed");
         return;
     }
-    jsonEntry je;
-    UniqueFd fd(::open((file + ".mtd").c_str(), O_RDONLY | O_NOFOLLOW | O_CLOEXEC));
-    ssize_t n = fd ? ::read(fd.get(), &je, sizeof je) : -1;
+    // The daemon's own reader: the whole record or nothing, a link at the
+    // file's place not followed.
+    jsonEntry je = {};
+    const int lrc = json_interact_metadata((file + ".mtd").c_str(), &je, LOAD);
     PathUnlock(lock.c_str());
-    if (n != static_cast<ssize_t>(sizeof je)) {
-        d->error = n < 0 ? file + ".mtd: " + std::strerror(errno)
-                         : file + ".mtd: metadata of " + std::to_string(n) + " bytes";
+    if (lrc < 0) {
+        d->error = failure("metadata unreadable");
         return;
     }
     d->node = bounded(je.nodeuuid, sizeof je.nodeuuid);
