@@ -66,6 +66,18 @@ int copyParam(const char* inbuf, size_t inbuflen, char* ofbuff, size_t ofbuflen)
 }
 
 int parse_json_params(jsonEntry* json, const char** text, const char* buf, size_t buflen) {
+    // The fields in their order on the line (NODEUUID, PATH, FILENAME) and
+    // what a text too long for its field is reported as.
+    struct Param {
+        char* field;
+        size_t width;
+        const char* too_long;
+    };
+    const Param params[LAST] = {
+        {json->nodeuuid, sizeof json->nodeuuid, "Failed to handle uuid param CTRL store_json"},
+        {json->path, sizeof json->path, "Failed to handle path param CTRL store_json"},
+        {json->filename, sizeof json->filename, "Failed to get filename param CTRL store_json"},
+    };
     int param = -1;  // nothing before the first separator counts
     size_t start = 0;
     for (size_t i = 0; i < buflen; i++) {
@@ -74,28 +86,12 @@ int parse_json_params(jsonEntry* json, const char** text, const char* buf, size_
         const char* p = buf + start;
         const size_t n = i - start;
         start = i + 1;
-        switch (param++) {
-            case -1:
-                continue;
-            case NODEUUID:
-                if (copyParam(p, n, json->nodeuuid, sizeof json->nodeuuid) < 0) {
-                    CV_ERROR("Failed to handle uuid param CTRL store_json");
-                    return -1;
-                }
-                continue;
-            case PATH:
-                if (copyParam(p, n, json->path, sizeof json->path) < 0) {
-                    CV_ERROR("Failed to handle path param CTRL store_json");
-                    return -1;
-                }
-                continue;
-            case FILENAME:
-                if (copyParam(p, n, json->filename, sizeof json->filename) < 0) {
-                    CV_ERROR("Failed to get filename param CTRL store_json");
-                    return -1;
-                }
-                break;
+        if (param >= 0 && copyParam(p, n, params[param].field, params[param].width) < 0) {
+            CV_ERROR("%s", params[param].too_long);
+            return -1;
         }
+        if (++param < LAST)
+            continue;
         // Right after the file name: the rest of the line is the text, "|"
         // and all, unlooked at.
         if (start >= buflen) {
