@@ -211,41 +211,38 @@ int send_pings_json(char* buf, size_t buflen, int so) {
     if (!f)
         return 0;  // nothing was ever listed here
 
+    // The lines are read by a lambda, which must not log under its own name.
+    constexpr const char* kOp = "send_pings_json";
     std::vector<char> text(buflen + 1);
-    char* raw = nullptr;
-    size_t cap = 0;
-    ssize_t len;
-    while ((len = ::getline(&raw, &cap, f.get())) > 0) {
-        if (raw[len - 1] == '\n')
-            raw[--len] = '\0';
-        const char* line = raw;
+    for_each_line(f.get(), [&](char* line, size_t len) {
+        if (len > 0 && line[len - 1] == '\n')
+            line[--len] = '\0';
         // The index is a file other programs can write too: a line that names
         // anything but a document of the JSON tree is never read.
         if (!json_file_in_tree(line)) {
-            CV_DEBUG("Skip %s: not a document of the JSON tree", line);
-            continue;
+            CV_DEBUG_AS(kOp, "Skip %s: not a document of the JSON tree", line);
+            return true;
         }
         char mtd[256];
         n = std::snprintf(mtd, sizeof mtd, "%s.mtd", line);
         jsonEntry je = {};
         if (n < 0 || static_cast<size_t>(n) >= sizeof mtd) {
-            CV_DEBUG("too long path for metadata_path %s", line);
-        } else if (json_interact_metadata(mtd, &je, LOAD) < 0 ||
-                   json_entry_refused(__func__, &je)) {
-            CV_DEBUG("Failed to load metadata for file %s", line);
+            CV_DEBUG_AS(kOp, "too long path for metadata_path %s", line);
+        } else if (json_interact_metadata(mtd, &je, LOAD) < 0 || json_entry_refused(kOp, &je)) {
+            CV_DEBUG_AS(kOp, "Failed to load metadata for file %s", line);
         } else {
             std::memset(text.data(), 0, buflen);
             ssize_t got = read_document(line, text.data(), buflen);
             if (got < 2) {
-                CV_ERROR("Failed to read json from file %s", index);
+                CV_ERROR_AS(kOp, "Failed to read json from file %s", index);
             } else {
                 text[static_cast<size_t>(got)] = '\0';
                 je.jsonlen = static_cast<uint64_t>(got);
                 send_json_ping(&je, text.data(), buf, buflen, so, msg::STORE_JSON);
             }
         }
-    }
-    std::free(raw);  // getline's buffer, grown as needed
+        return true;
+    });
     return 0;
 }
 

@@ -208,19 +208,12 @@ int json_store_is_line_in_file(const char* file_path, const char* search_line,
         UniqueFd fd(::open(file_path, O_RDWR | O_CREAT | O_CLOEXEC, 0777));
         return 0;
     }
-    UniqueChars line;
-    size_t cap = 0;
-    for (;;) {
-        char* buf = line.release();
-        ssize_t len = ::getline(&buf, &cap, fp.get());
-        line.reset(buf);
-        if (len < 0)
-            return 0;
-        if (static_cast<size_t>(len) >= search_line_len &&
-            std::memcmp(line.get(), search_line, search_line_len) == 0) {
-            return 1;
-        }
-    }
+    int found = 0;
+    for_each_line(fp.get(), [&](const char* line, size_t len) {
+        found = len >= search_line_len && std::memcmp(line, search_line, search_line_len) == 0;
+        return !found;
+    });
+    return found;
 }
 
 // Drops every line equal to line (line_len bytes, line feed included) from
@@ -239,22 +232,16 @@ int json_index_drop_line(const char* index, const char* tmp, const char* line, s
             return rc;
         in.reset();
     } else {
-        UniqueChars buf;
-        size_t cap = 0;
-        for (;;) {
-            char* b = buf.release();
-            ssize_t len = ::getline(&b, &cap, in.get());
-            buf.reset(b);
-            if (len < 0)
-                break;
-            if (static_cast<size_t>(len) >= line_len && std::memcmp(b, line, line_len) == 0)
-                continue;
-            if (std::fwrite(b, static_cast<size_t>(len), 1, out.get()) != 1) {
+        for_each_line(in.get(), [&](const char* b, size_t len) {
+            if (len >= line_len && std::memcmp(b, line, line_len) == 0)
+                return true;
+            if (std::fwrite(b, len, 1, out.get()) != 1) {
                 CV_ERROR_AS("json_delete_local_files", "Failed to write %s in file %s", file,
                             index);
                 rc = -4;
             }
-        }
+            return true;
+        });
         in.reset();
     }
     if (!close_stream(out)) {
