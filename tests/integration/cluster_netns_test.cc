@@ -3,10 +3,14 @@
 // as its destinations. Hosts 1 and 2 each announce their node of the seed
 // (nodes 1 and 2, members of the seed's VDisks and data store); host 3
 // holds only node 3. Each host must learn the other hosts' nodes, and host
-// 3 the VDisks with both member records.
+// 3 the VDisks with both member records; then a JSON document handed in on
+// host 1 must reach every host, and its withdrawal leave none.
+#include <arpa/inet.h>
 #include <gtest/gtest.h>
+#include <unistd.h>
 
 #include <chrono>
+#include <cstring>
 #include <map>
 #include <memory>
 #include <string>
@@ -15,11 +19,12 @@
 #include "support/daemon.h"
 #include "support/netns.h"
 #include "support/seed_store.h"
+#include "util/unique_fd.h"
 
 namespace corvald::test {
 namespace {
 
-TEST(ClusterHosts, EachLearnsTheOthersAndTheSharedVDiskReachesTheThird) {
+TEST(ClusterHosts, EachLearnsTheOthersAndTheSharedVDiskAndJsonDocumentsReachAll) {
     Box bridge, host[3];
     if (bridge.answer != "netns") {
         GTEST_SKIP() << "no network namespace for the test: " << bridge.answer;
@@ -74,11 +79,30 @@ TEST(ClusterHosts, EachLearnsTheOthersAndTheSharedVDiskReachesTheThird) {
         return got;
     };
     // Reading the logs is what lets the daemons go on writing them.
-    const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(60);
-    while (now() != want && std::chrono::steady_clock::now() < deadline)
-        for (auto& d : daemon) d->wait_for("\n", std::chrono::milliseconds(20));
-    EXPECT_EQ(now(), want);
+    auto settle = [&] {
+        const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(60);
+        while (now() != want && std::chrono::steady_clock::now() < deadline)
+            for (auto& d : daemon) d->wait_for("\n", std::chrono::milliseconds(20));
+        EXPECT_EQ(now(), want);
+    };
+    settle();
     for (auto& d : daemon) EXPECT_TRUE(d->matching("error:").empty());
+
+    // Host 1's control port listens on the loopback of its namespace.
+    UniqueFd ctrl;
+    ASSERT_TRUE(in_netns(host[0].pid, [&] {
+        ctrl.reset(::socket(AF_INET, SOCK_STREAM, 0));
+        sockaddr_in sa = {
+            AF_INET, htons(uint16_t(store[0]->cfg.ctrl_port())), {htonl(INADDR_LOOPBACK)}, {}};
+        EXPECT_EQ(::connect(ctrl.get(), reinterpret_cast<sockaddr*>(&sa), sizeof sa), 0);
+    }));
+    for (const auto& [cmd, text] : {std::pair{"store_json|1|apps/|cfg.json|[1,2,3]\n", "[1,2,3]"},
+                                    std::pair{"delete_json|1|apps/|cfg.json|x\n", "<missing>"}}) {
+        ASSERT_EQ(::write(ctrl.get(), cmd, std::strlen(cmd)), ssize_t(std::strlen(cmd)));
+        want.clear();
+        for (const char* h : {"1 ", "2 ", "3 "}) want[h + std::string("v2/apps/cfg.json")] = text;
+        settle();
+    }
 }
 
 }  // namespace
