@@ -11,6 +11,7 @@
 #include <cerrno>
 #include <cstdarg>
 #include <cstdio>
+#include <cstdlib>
 #include <cstring>
 #include <ctime>
 #include <iostream>
@@ -52,6 +53,17 @@ int list(const std::string& what, const std::string& uuid, bool json) {
                   << (errno ? std::strerror(errno) : "not a directory") << "\n";
         return 2;
     }
+    // As the daemon runs: inside the store, with the store's absolute path as
+    // its root. The other files of the configuration may be relative to it,
+    // and the index lists documents by the absolute paths the daemon built.
+    char* root = ::chdir(cfg_work_directory.c_str()) == 0 ? ::getcwd(nullptr, 0) : nullptr;
+    if (root == nullptr) {
+        std::cerr << "corvalctl: store " << cfg_work_directory << ": " << std::strerror(errno)
+                  << "\n";
+        return 2;
+    }
+    cfg_work_directory = root;
+    std::free(root);
     const time_t now = std::time(nullptr);
     std::string why, out;
     int rc = 0;
