@@ -76,16 +76,24 @@ int build_single_vdisk_ping(const Node* node, const VDisk* vdisk, char* buf, siz
     return 0;
 }
 
+// The local node a command names, prepared and reloaded with the parts in
+// what (see load_local_node); nullptr, silently, when there is no such node
+// or it cannot be loaded (the store code has said why).
+Node* reload_named_node(const char* nodeuuid, unsigned what, int* ds_rc = nullptr) {
+    Node* node = find_local_node(nodeuuid);
+    if (node == nullptr)
+        return nullptr;
+    prepare_local_node(node);
+    return load_local_node(node, what, ds_rc) < 0 ? nullptr : node;
+}
+
 // One VDisk of a local node, with an AUX_PING after it. Only a VDisk that
 // the node's record links to is announced, and only by a node that belongs
 // to a data store.
 void send_single_vdisk_ping(const char* nodeuuid, const char* vdiskuuid, char* buf, size_t buflen,
                             int so) {
-    Node* node = find_local_node(nodeuuid);
+    Node* node = reload_named_node(nodeuuid, kRequireDSMember | kLoadVDisks);
     if (node == nullptr)
-        return;
-    prepare_local_node(node);
-    if (load_local_node(node, kRequireDSMember | kLoadVDisks) < 0)
         return;
     VDisk* vdisk = VDiskTree_RB_FIND(&node->vdisks, std::string_view(vdiskuuid));
     if (vdisk == nullptr)
@@ -107,12 +115,9 @@ void send_single_vdisk_ping(const char* nodeuuid, const char* vdiskuuid, char* b
 
 // The DS_PING of a local node, alone.
 void send_ds_ping(const char* nodeuuid, char* buf, size_t buflen, int so) {
-    Node* node = find_local_node(nodeuuid);
-    if (node == nullptr)
-        return;
-    prepare_local_node(node);
     int ds_rc = 0;
-    if (load_local_node(node, kLoadDSMember, &ds_rc) < 0)
+    Node* node = reload_named_node(nodeuuid, kLoadDSMember, &ds_rc);
+    if (node == nullptr)
         return;
     // A datastoremember that names no plain directory is refused (-2) and
     // sends nothing, as in the ping cycle: a DS_PING without the entry would
@@ -156,11 +161,8 @@ int build_vdisk_deleted(const Node* node, const char* vdiskuuid, char* buf, size
 // removed from the store.
 void send_vdisk_deleted(const char* nodeuuid, const char* vdiskuuid, char* buf, size_t buflen,
                         int so) {
-    Node* node = find_local_node(nodeuuid);
+    Node* node = reload_named_node(nodeuuid, 0);
     if (node == nullptr)
-        return;
-    prepare_local_node(node);
-    if (load_local_node(node, 0) < 0)
         return;
     size_t len = 0;
     if (build_vdisk_deleted(node, vdiskuuid, buf, buflen, &len) < 0) {
