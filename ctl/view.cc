@@ -297,10 +297,12 @@ struct DocWalk {
 } walk;
 
 void read_doc(const std::string& file, DocView* d) {
-    std::string lock = file;
-    std::replace(lock.begin(), lock.end(), '/', '|');
     last_error.clear();
-    int rc = PathLock(lock.c_str(), cfg_path_lock_timeout_ms);
+    // The daemon's own lock name for the document; one that cannot be made
+    // (logged) is a failure, not a lock held elsewhere.
+    const LockName name = JsonLockName(file.c_str());
+    HeldLock lock;
+    const int rc = name.fits ? lock.take(name) : -2;
     if (rc != 0) {
         d->error = rc == -1 ? "locked" : failure("lock failed");
         return;
@@ -309,7 +311,7 @@ void read_doc(const std::string& file, DocView* d) {
     // file's place not followed.
     jsonEntry je = {};
     const int lrc = json_interact_metadata((file + ".mtd").c_str(), &je, LOAD);
-    PathUnlock(lock.c_str());
+    lock.release();
     if (lrc < 0) {
         d->error = failure("metadata unreadable");
         return;

@@ -36,10 +36,6 @@ constexpr size_t kJsonPathBuf = sizeof(JsonPath);  // 256
 // metadata file against it.
 time_t json_timeout_now;
 
-// True while a JSON path lock is held: the next one may only be taken after
-// it is released again.
-bool json_lock_held;
-
 bool build_path(JsonPath& buf, const char* fmt, ...) __attribute__((format(printf, 2, 3)));
 bool build_path(JsonPath& buf, const char* fmt, ...) {
     va_list ap;
@@ -65,49 +61,6 @@ int JsonPathToFilename(const char* src_path, char* dst_path, size_t dst_len) {
     }
     return 0;
 }
-
-int JsonLockPath(const char* src_path, int timeout_ms) {
-    JsonPath name;
-    if (JsonPathToFilename(src_path, name, sizeof name) < 0)
-        return -1;
-    return PathLock(name, timeout_ms);
-}
-
-void JsonUnlockPath(const char* src_path) {
-    JsonPath name;
-    if (JsonPathToFilename(src_path, name, sizeof name) == 0)
-        PathUnlock(name);
-}
-
-// Owns one JSON path lock and releases it on every way out; release() gives
-// it up where the lock order wants it.
-class JsonLock {
-public:
-    JsonLock() = default;
-    ~JsonLock() { release(); }
-    JsonLock(const JsonLock&) = delete;
-    JsonLock& operator=(const JsonLock&) = delete;
-
-    int take(const char* path) {
-        assert(!held_ && !json_lock_held);
-        int rc = JsonLockPath(path, cfg_path_lock_timeout_ms);
-        if (rc == 0) {
-            std::snprintf(path_, sizeof path_, "%s", path);
-            held_ = json_lock_held = true;
-        }
-        return rc;
-    }
-    void release() {
-        if (!held_)
-            return;
-        held_ = json_lock_held = false;
-        JsonUnlockPath(path_);
-    }
-
-private:
-    JsonPath path_ = {};
-    bool held_ = false;
-};
 
 // open(2) with the given flags and permissions, retried when a signal cuts it
 // short, as a stdio stream of mode; nullptr with errno set on failure.
@@ -316,8 +269,8 @@ int json_store_handle_ping(jsonEntry* jsonobj, const char* json) {
         CV_ERROR("too big directory path %s", jsonobj->path);
         return -1;
     }
-    JsonLock lock;
-    if (lock.take(dir) < 0)
+    HeldLock lock;
+    if (lock.take(JsonLockName(dir)) < 0)
         return -1;
     // A failure here is reported and the store goes on: the open below then
     // fails in the usual case, with its own line.
@@ -330,7 +283,7 @@ int json_store_handle_ping(jsonEntry* jsonobj, const char* json) {
         CV_ERROR("too big file path %s", jsonobj->filename);
         return -1;
     }
-    if (lock.take(file) < 0)
+    if (lock.take(JsonLockName(file)) < 0)
         return -1;
     UniqueFile fp(open_document(file, true));
     if (!fp) {
@@ -384,8 +337,8 @@ int json_write_local_files(jsonEntry* jsonobj, const char* json) {
         CV_ERROR("too long path %s for local_files", cfg_local_files.c_str());
         return -1;
     }
-    JsonLock lock;
-    if (lock.take(index) < 0)
+    HeldLock lock;
+    if (lock.take(JsonLockName(index)) < 0)
         return 0;  // stored, not listed
     if (json_store_is_line_in_file(index, line, n) == 1) {
         CV_DEBUG("file %s alredy present in %s", line, index);
@@ -429,13 +382,13 @@ int json_delete_local_files(const jsonEntry* jsonobj) {
     line[n] = '\0';
 
     int rc = 0;
-    JsonLock lock;
+    HeldLock lock;
     // Without the index lock the index stays as it is; the files still go.
-    if (lock.take(index) == 0) {
+    if (lock.take(JsonLockName(index)) == 0) {
         rc = json_index_drop_line(index, tmp, line, n, file);
         lock.release();
     }
-    if (lock.take(file) < 0)
+    if (lock.take(JsonLockName(file)) < 0)
         return rc;
     if (::unlink(file) < 0) {
         CV_WARN("failed unlink(%s): %s", file, std::strerror(errno));
@@ -509,6 +462,13 @@ int json_file_check(const char* filepath, const struct stat* /*info*/, int typef
         json_delete_local_files(&rec);
     }
     return 0;
+}
+
+LockName JsonLockName(const char* path) {
+    LockName ln = {};
+    ln.timeout_ms = cfg_path_lock_timeout_ms;
+    ln.fits = JsonPathToFilename(path, ln.text, sizeof ln.text) == 0;
+    return ln;
 }
 
 bool json_entry_refused(const char* op, const jsonEntry* jsonobj) {

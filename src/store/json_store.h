@@ -16,6 +16,7 @@
 #include <ctime>
 
 #include "net/netlib.h"
+#include "store/lock.h"
 
 namespace corvald {
 
@@ -42,6 +43,12 @@ int json_timeout_check(time_t now);
 int json_file_check(const char* filepath, const struct stat* info, int typeflag);
 // Makes dir and every missing parent with mode; 0 or -1.
 int mkdir_p(const char* dir, mode_t mode);
+// The lock name of a JSON path (its bytes with every "/" as "|") with the
+// path_lock_timeout_ms wait. A path that is empty or 256 bytes or longer is
+// logged and gives a name that does not fit, which is never locked. Every
+// JSON path lock is one HeldLock at a time: a directory's is released before
+// its file's is taken, the index's before a document's.
+LockName JsonLockName(const char* path);
 // Whether the entry must be refused: an unterminated text, a line feed, or a
 // path/filename that leads out of the JSON tree or onto the index. A refusal
 // is logged under op's name.
