@@ -74,72 +74,44 @@ bool interval_range(int v) { return static_cast<uint32_t>(v) <= 3600; }
 bool stats_range(int v) { return static_cast<uint32_t>(v) <= 86400; }
 bool buffer_range(int v) { return v >= 65536; }
 
-enum class Kind { String, Ident, Interface, Facility, Priority, Int };
-
-struct Key {
-    const char* name;
-    Kind kind;
-    std::string* str;
-    int* num;
-    bool (*ok)(int);
-};
-
-// In the order config_dump prints them.
-const Key keys[] = {
-    {"syslog_ident", Kind::Ident, &cfg_syslog_ident, nullptr, nullptr},
-    {"syslog_facility", Kind::Facility, nullptr, &cfg_syslog_facility, nullptr},
-    {"syslog_priority", Kind::Priority, nullptr, &cfg_syslog_priority, nullptr},
-    {"pid_file", Kind::String, &cfg_pid_file, nullptr, nullptr},
-    {"work_directory", Kind::String, &cfg_work_directory, nullptr, nullptr},
-    {"local_nodes", Kind::String, &cfg_local_nodes, nullptr, nullptr},
-    {"unicast_mode", Kind::Int, nullptr, &cfg_unicast_mode, not_negative},
-    {"unicast_hosts", Kind::String, &cfg_unicast_hosts, nullptr, nullptr},
-    {"bind_interface", Kind::Interface, &cfg_bind_interface, nullptr, nullptr},
-    {"bind_port", Kind::Int, nullptr, &cfg_bind_port, port_range},
-    {"ctrl_address", Kind::String, &cfg_ctrl_address, nullptr, nullptr},
-    {"ctrl_port", Kind::Int, nullptr, &cfg_ctrl_port, port_range},
-    {"multicast_address", Kind::String, &cfg_multicast_address, nullptr, nullptr},
-    {"node_lock_timeout_ms", Kind::Int, nullptr, &cfg_node_lock_timeout_ms, timeout_range},
-    {"datastore_lock_timeout_ms", Kind::Int, nullptr, &cfg_datastore_lock_timeout_ms, timeout_range},
-    {"vdisk_lock_timeout_ms", Kind::Int, nullptr, &cfg_vdisk_lock_timeout_ms, timeout_range},
-    {"fence_check", Kind::String, &cfg_fence_check, nullptr, nullptr},
-    {"ping_interval", Kind::Int, nullptr, &cfg_ping_interval, interval_range},
-    {"heartbeat_interval", Kind::Int, nullptr, &cfg_heartbeat_interval, interval_range},
-    {"stats_interval", Kind::Int, nullptr, &cfg_stats_interval, stats_range},
-    {"msg_buffer_size", Kind::Int, nullptr, &cfg_msg_buffer_size, buffer_range},
-    {"path_lock_timeout_ms", Kind::Int, nullptr, &cfg_path_lock_timeout_ms, timeout_range},
-    {"local_files", Kind::String, &cfg_local_files, nullptr, nullptr},
-    {"json_ping_interval", Kind::Int, nullptr, &cfg_json_ping_interval, interval_range},
+// In the order config_dump prints them, each with its default.
+const ConfigKey keys[] = {
+    {"syslog_ident", ConfigKind::Ident, &cfg_syslog_ident, nullptr, nullptr, "corvald", 0},
+    {"syslog_facility", ConfigKind::Facility, nullptr, &cfg_syslog_facility, nullptr, nullptr, LOG_DAEMON},
+    {"syslog_priority", ConfigKind::Priority, nullptr, &cfg_syslog_priority, nullptr, nullptr, LOG_INFO},
+    {"pid_file", ConfigKind::String, &cfg_pid_file, nullptr, nullptr, "/var/run/corvald.pid", 0},
+    {"work_directory", ConfigKind::String, &cfg_work_directory, nullptr, nullptr, "/velloran/DB", 0},
+    {"local_nodes", ConfigKind::String, &cfg_local_nodes, nullptr, nullptr, "/velloran/local_nodes", 0},
+    {"unicast_mode", ConfigKind::Int, nullptr, &cfg_unicast_mode, not_negative, nullptr, 0},
+    {"unicast_hosts", ConfigKind::String, &cfg_unicast_hosts, nullptr, nullptr, "/velloran/unicast_hosts", 0},
+    {"bind_interface", ConfigKind::Interface, &cfg_bind_interface, nullptr, nullptr, "eth0", 0},
+    {"bind_port", ConfigKind::Int, nullptr, &cfg_bind_port, port_range, nullptr, 8000},
+    {"ctrl_address", ConfigKind::String, &cfg_ctrl_address, nullptr, nullptr, "127.0.0.1", 0},
+    {"ctrl_port", ConfigKind::Int, nullptr, &cfg_ctrl_port, port_range, nullptr, 31337},
+    {"multicast_address", ConfigKind::String, &cfg_multicast_address, nullptr, nullptr, "224.123.123.123", 0},
+    {"node_lock_timeout_ms", ConfigKind::Int, nullptr, &cfg_node_lock_timeout_ms, timeout_range, nullptr, 750},
+    {"datastore_lock_timeout_ms", ConfigKind::Int, nullptr, &cfg_datastore_lock_timeout_ms, timeout_range, nullptr, 750},
+    {"vdisk_lock_timeout_ms", ConfigKind::Int, nullptr, &cfg_vdisk_lock_timeout_ms, timeout_range, nullptr, 750},
+    {"fence_check", ConfigKind::String, &cfg_fence_check, nullptr, nullptr, "/usr/marrowctl/fencecheck", 0},
+    {"ping_interval", ConfigKind::Int, nullptr, &cfg_ping_interval, interval_range, nullptr, 90},
+    {"heartbeat_interval", ConfigKind::Int, nullptr, &cfg_heartbeat_interval, interval_range, nullptr, 30},
+    {"stats_interval", ConfigKind::Int, nullptr, &cfg_stats_interval, stats_range, nullptr, 60},
+    {"msg_buffer_size", ConfigKind::Int, nullptr, &cfg_msg_buffer_size, buffer_range, nullptr, 65536},
+    {"path_lock_timeout_ms", ConfigKind::Int, nullptr, &cfg_path_lock_timeout_ms, timeout_range, nullptr, 750},
+    {"local_files", ConfigKind::String, &cfg_local_files, nullptr, nullptr, "/v2/local_files", 0},
+    {"json_ping_interval", ConfigKind::Int, nullptr, &cfg_json_ping_interval, interval_range, nullptr, 90},
 };
 
 // Longest bind_interface name the kernel's interface requests can carry.
 constexpr size_t kMaxInterfaceName = 15;
 
 void install_defaults() {
-    cfg_syslog_ident = "corvald";
-    cfg_syslog_facility = LOG_DAEMON;
-    cfg_syslog_priority = LOG_INFO;
-    cfg_pid_file = "/var/run/corvald.pid";
-    cfg_work_directory = "/velloran/DB";
-    cfg_local_nodes = "/velloran/local_nodes";
-    cfg_unicast_mode = 0;
-    cfg_unicast_hosts = "/velloran/unicast_hosts";
-    cfg_bind_interface = "eth0";
-    cfg_bind_port = 8000;
-    cfg_ctrl_address = "127.0.0.1";
-    cfg_ctrl_port = 31337;
-    cfg_multicast_address = "224.123.123.123";
-    cfg_node_lock_timeout_ms = 750;
-    cfg_datastore_lock_timeout_ms = 750;
-    cfg_vdisk_lock_timeout_ms = 750;
-    cfg_fence_check = "/usr/marrowctl/fencecheck";
-    cfg_ping_interval = 90;
-    cfg_heartbeat_interval = 30;
-    cfg_stats_interval = 60;
-    cfg_msg_buffer_size = 65536;
-    cfg_path_lock_timeout_ms = 750;
-    cfg_local_files = "/v2/local_files";
-    cfg_json_ping_interval = 90;
+    for (const ConfigKey& k : keys) {
+        if (k.str != nullptr)
+            *k.str = k.text_default;
+        else
+            *k.num = k.int_default;
+    }
 }
 
 void compile(regex_t* preg, const char* pattern, int flags) {
@@ -175,36 +147,36 @@ __attribute__((format(printf, 2, 3))) int fail(std::string& error, const char* f
 
 // Applies one key's value; the value has passed one of the line patterns.
 int apply(const char* key, const char* value, std::string& error) {
-    const Key* k = nullptr;
-    for (const Key& candidate : keys)
+    const ConfigKey* k = nullptr;
+    for (const ConfigKey& candidate : keys)
         if (std::strcmp(candidate.name, key) == 0) k = &candidate;
     if (k == nullptr) return fail(error, "error: %s(): Unknown config option `%s'\n", "config_load", key);
 
     switch (k->kind) {
-        case Kind::Interface:
+        case ConfigKind::Interface:
             if (std::strlen(value) > kMaxInterfaceName)
                 return fail(error, "error: %s(): Incorrect %s value: `%s'\n", "config_load", key, value);
             *k->str = value;
             break;
-        case Kind::String:
+        case ConfigKind::String:
             *k->str = value;
             break;
-        case Kind::Ident:
+        case ConfigKind::Ident:
             // The log still holds the old ident's pointer: reopen before
             // anything can be logged.
             *k->str = value;
             syslog_module_setup();
             break;
-        case Kind::Facility:
-        case Kind::Priority: {
-            int v = lookup(k->kind == Kind::Facility ? facilitynames : prioritynames, value);
+        case ConfigKind::Facility:
+        case ConfigKind::Priority: {
+            int v = lookup(k->kind == ConfigKind::Facility ? facilitynames : prioritynames, value);
             if (v < 0)
                 return fail(error, "error: %s(): Incorrect %s value: `%s'\n", "config_load", key, value);
             *k->num = v;
             syslog_module_setup();
             break;
         }
-        case Kind::Int: {
+        case ConfigKind::Int: {
             // strtol's leniency is part of the file format: leading blanks
             // and a sign are accepted, digits end at the first non-digit, no
             // digits read as 0; only the low 32 bits are kept.
@@ -274,34 +246,35 @@ void config_load() {
 const char* config_facility_name(int value) { return name_of(facilitynames, value); }
 const char* config_priority_name(int value) { return name_of(prioritynames, value); }
 
+std::span<const ConfigKey> config_keys() { return keys; }
+
 void config_dump() {
     assert(config_module_initialized);
-    const char* facility = config_facility_name(cfg_syslog_facility);
-    const char* priority = config_priority_name(cfg_syslog_priority);
-    ::syslog(LOG_INFO,
-             "syslog_ident=%s syslog_facility=%s syslog_priority=%s pid_file=%s work_directory=%s "
-             "local_nodes=%s unicast_mode=%d unicast_hosts=%s bind_interface=%s bind_port=%d "
-             "ctrl_address=%s ctrl_port=%d multicast_address=%s node_lock_timeout_ms=%d "
-             "datastore_lock_timeout_ms=%d vdisk_lock_timeout_ms=%d fence_check=%s "
-             "ping_interval=%d heartbeat_interval=%d stats_interval=%d msg_buffer_size=%d "
-             "path_lock_timeout_ms=%d local_files=%s json_ping_interval=%d",
-             cfg_syslog_ident.c_str(), facility ? facility : "?", priority ? priority : "?",
-             cfg_pid_file.c_str(), cfg_work_directory.c_str(), cfg_local_nodes.c_str(),
-             cfg_unicast_mode, cfg_unicast_hosts.c_str(), cfg_bind_interface.c_str(), cfg_bind_port,
-             cfg_ctrl_address.c_str(), cfg_ctrl_port, cfg_multicast_address.c_str(),
-             cfg_node_lock_timeout_ms, cfg_datastore_lock_timeout_ms, cfg_vdisk_lock_timeout_ms,
-             cfg_fence_check.c_str(), cfg_ping_interval, cfg_heartbeat_interval, cfg_stats_interval,
-             cfg_msg_buffer_size, cfg_path_lock_timeout_ms, cfg_local_files.c_str(),
-             cfg_json_ping_interval);
+    std::string line;
+    for (const ConfigKey& k : keys) {
+        line += line.empty() ? "" : " ";
+        line += k.name;
+        line += '=';
+        if (k.str != nullptr) {
+            line += *k.str;
+        } else if (k.kind == ConfigKind::Facility || k.kind == ConfigKind::Priority) {
+            const char* name = k.kind == ConfigKind::Facility ? config_facility_name(*k.num)
+                                                              : config_priority_name(*k.num);
+            line += name ? name : "?";
+        } else {
+            line += std::to_string(*k.num);
+        }
+    }
+    ::syslog(LOG_INFO, "%s", line.c_str());
 }
 
 void config_module_teardown() {
     assert(config_module_initialized);
-    for (std::string* s : {&cfg_fence_check, &cfg_multicast_address, &cfg_ctrl_address,
-                           &cfg_bind_interface, &cfg_unicast_hosts, &cfg_local_nodes,
-                           &cfg_work_directory, &cfg_pid_file, &cfg_syslog_ident, &cfg_local_files}) {
-        s->clear();
-        s->shrink_to_fit();
+    for (const ConfigKey& k : keys) {
+        if (k.str != nullptr) {
+            k.str->clear();
+            k.str->shrink_to_fit();
+        }
     }
     ::regfree(&preg_quoted);
     ::regfree(&preg_keyval);
