@@ -176,11 +176,8 @@ int send_json_ping(jsonEntry* jsonobj, const char* json, char* buf, size_t bufle
     // address of this process's memory is not put on the wire.
     jsonobj->json = 0;
 
-    std::memset(buf, 0, buflen);
     DatagramWriter w(buf, buflen);
-    Hdr hdr = node->hdr;
-    hdr.type = type;
-    if (!w.put(hdr)) {
+    if (!put_header(&w, buf, buflen, node, type)) {
         CV_ERROR("STORE JSON too big header can not send %zu", sizeof(Hdr));
         return -1;
     }
