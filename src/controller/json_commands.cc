@@ -20,6 +20,7 @@
 #include "controller/controller_internal.h"
 #include "controller/stats.h"
 #include "net/datagram.h"
+#include "store/attr.h"
 #include "store/json_store.h"
 
 namespace corvald {
@@ -197,10 +198,8 @@ int send_pings_json(char* buf, size_t buflen, int so) {
     // The index is read where the store writes it, at the configured
     // local_files place, so that moving it does not silently end the
     // re-announcements (with the default the two are one place anyway).
-    char index[256];
-    int n = std::snprintf(index, sizeof index, "%s%s", cfg_work_directory.c_str(),
-                          cfg_local_files.c_str());
-    if (n < 0 || static_cast<size_t>(n) >= sizeof index) {
+    StorePath index;
+    if (!store_path(index, "%s%s", cfg_work_directory.c_str(), cfg_local_files.c_str())) {
         CV_ERROR("too long path %s for local_files", cfg_local_files.c_str());
         return -1;
     }
@@ -220,10 +219,9 @@ int send_pings_json(char* buf, size_t buflen, int so) {
             CV_DEBUG_AS(kOp, "Skip %s: not a document of the JSON tree", line);
             return true;
         }
-        char mtd[256];
-        n = std::snprintf(mtd, sizeof mtd, "%s.mtd", line);
+        StorePath mtd;
         jsonEntry je = {};
-        if (n < 0 || static_cast<size_t>(n) >= sizeof mtd) {
+        if (!store_path(mtd, "%s.mtd", line)) {
             CV_DEBUG_AS(kOp, "too long path for metadata_path %s", line);
         } else if (json_interact_metadata(mtd, &je, LOAD) < 0 || json_entry_refused(kOp, &je)) {
             CV_DEBUG_AS(kOp, "Failed to load metadata for file %s", line);

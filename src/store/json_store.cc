@@ -1,8 +1,7 @@
 // The local JSON file store: documents under <root>/v2/ with their metadata
 // files, the local-files index, the JSON path locks, and the expiry sweep.
 //
-// Every path here is built in a 256-byte buffer and refused when it does not
-// fit. At most one JSON path lock is held at a time, and each is released
+// Every path here is built with store_path and refused when it does not fit. At most one JSON path lock is held at a time, and each is released
 // before the next is taken.
 #include "store/json_store.h"
 
@@ -13,7 +12,6 @@
 
 #include <cassert>
 #include <cerrno>
-#include <cstdarg>
 #include <cstdio>
 #include <cstring>
 #include <string>
@@ -29,21 +27,11 @@ namespace corvald {
 
 namespace {
 
-using JsonPath = char[kStorePathMax + 1];
-constexpr size_t kJsonPathBuf = sizeof(JsonPath);  // 256
+constexpr size_t kJsonPathBuf = sizeof(StorePath);  // 256
 
 // The time passed to the sweep that is running; json_file_check ages every
 // metadata file against it.
 time_t json_timeout_now;
-
-bool build_path(JsonPath& buf, const char* fmt, ...) __attribute__((format(printf, 2, 3)));
-bool build_path(JsonPath& buf, const char* fmt, ...) {
-    va_list ap;
-    va_start(ap, fmt);
-    int n = std::vsnprintf(buf, sizeof buf, fmt, ap);
-    va_end(ap);
-    return n >= 0 && static_cast<size_t>(n) <= kStorePathMax;
-}
 
 int JsonPathToFilename(const char* src_path, char* dst_path, size_t dst_len) {
     assert(dst_len >= kJsonPathBuf);
@@ -228,7 +216,7 @@ int mkdir_p(const char* dir, mode_t mode) {
         CV_ERROR("Failed to make directory too long path max %d", static_cast<int>(kJsonPathBuf));
         return -1;
     }
-    JsonPath path = {};
+    StorePath path = {};
     std::memcpy(path, dir, len);
     if (path[len - 1] == '/')
         path[len - 1] = '\0';
@@ -264,8 +252,8 @@ int json_store_handle_ping(jsonEntry* jsonobj, const char* json) {
     CV_DEBUG("json_store_handle_ping from node %s path %s filename %s", jsonobj->nodeuuid,
              jsonobj->path, jsonobj->filename);
     const char* root = cfg_work_directory.c_str();
-    JsonPath dir;
-    if (!build_path(dir, "%s%s/%s", root, "/v2", jsonobj->path)) {
+    StorePath dir;
+    if (!store_path(dir, "%s%s/%s", root, "/v2", jsonobj->path)) {
         CV_ERROR("too big directory path %s", jsonobj->path);
         return -1;
     }
@@ -278,8 +266,8 @@ int json_store_handle_ping(jsonEntry* jsonobj, const char* json) {
         CV_ERROR("Failed to make directory %s where are file in path", jsonobj->path);
     lock.release();
 
-    JsonPath file;
-    if (!build_path(file, "%s%s", dir, jsonobj->filename)) {
+    StorePath file;
+    if (!store_path(file, "%s%s", dir, jsonobj->filename)) {
         CV_ERROR("too big file path %s", jsonobj->filename);
         return -1;
     }
@@ -295,8 +283,8 @@ int json_store_handle_ping(jsonEntry* jsonobj, const char* json) {
         CV_ERROR("Failed to store file %s", jsonobj->filename);
         return -1;
     }
-    JsonPath mtd;
-    if (!build_path(mtd, "%s%s", file, ".mtd")) {
+    StorePath mtd;
+    if (!store_path(mtd, "%s%s", file, ".mtd")) {
         CV_ERROR("too big metadata path %s", mtd);
         return -1;
     }
@@ -326,14 +314,14 @@ int json_write_local_files(jsonEntry* jsonobj, const char* json) {
         return -1;
     }
     const char* root = cfg_work_directory.c_str();
-    JsonPath line;
-    if (!build_path(line, "%s%s/%s%s\n", root, "/v2", jsonobj->path, jsonobj->filename)) {
+    StorePath line;
+    if (!store_path(line, "%s%s/%s%s\n", root, "/v2", jsonobj->path, jsonobj->filename)) {
         CV_ERROR("too big file path %s", jsonobj->path);
         return -1;
     }
     const size_t n = std::strlen(line);
-    JsonPath index;
-    if (!build_path(index, "%s%s", root, cfg_local_files.c_str())) {
+    StorePath index;
+    if (!store_path(index, "%s%s", root, cfg_local_files.c_str())) {
         CV_ERROR("too long path %s for local_files", cfg_local_files.c_str());
         return -1;
     }
@@ -361,16 +349,16 @@ int json_delete_local_files(const jsonEntry* jsonobj) {
         return -1;
     const char* root = cfg_work_directory.c_str();
     const char* local_files = cfg_local_files.c_str();
-    JsonPath file, index, tmp;
-    if (!build_path(file, "%s%s/%s%s", root, "/v2", jsonobj->path, jsonobj->filename)) {
+    StorePath file, index, tmp;
+    if (!store_path(file, "%s%s/%s%s", root, "/v2", jsonobj->path, jsonobj->filename)) {
         CV_ERROR("too big file path %s", jsonobj->path);
         return -1;
     }
-    if (!build_path(index, "%s%s", root, local_files)) {
+    if (!store_path(index, "%s%s", root, local_files)) {
         CV_ERROR("too long path %s for local_files", local_files);
         return -2;
     }
-    if (!build_path(tmp, "%s.tmp", index)) {
+    if (!store_path(tmp, "%s.tmp", index)) {
         CV_ERROR("too long path %s.tmp for tmp local_files", local_files);
         return -3;
     }
@@ -394,8 +382,8 @@ int json_delete_local_files(const jsonEntry* jsonobj) {
         CV_WARN("failed unlink(%s): %s", file, std::strerror(errno));
         rc = -8;
     }
-    JsonPath mtd;
-    if (!build_path(mtd, "%s%s", file, ".mtd")) {
+    StorePath mtd;
+    if (!store_path(mtd, "%s%s", file, ".mtd")) {
         CV_ERROR("too big metadata path %s", mtd);
         return -9;
     }
@@ -428,8 +416,8 @@ int json_interact_metadata(const char* path, jsonEntry* jsonobj, interactMetadat
 int json_timeout_check(time_t now) {
     json_timeout_now = now;
     const char* root = cfg_work_directory.c_str();
-    JsonPath tree;
-    if (!build_path(tree, "%s%s/", root, "/v2")) {
+    StorePath tree;
+    if (!store_path(tree, "%s%s/", root, "/v2")) {
         CV_ERROR("too big DB path %s", root);
         return -1;
     }

@@ -24,12 +24,11 @@ namespace {
 // The first wait on a held lock; every further wait is twice the one before.
 constexpr int kFirstWaitMs = 50;
 
-// Builds <work_directory>/locks/<name> in buf (kStorePathMax + 1 bytes);
-// 0, or -1 after the "too big" message under op's name.
-int build_lock_path(const char* op, const char* name, char* buf) {
+// Builds <work_directory>/locks/<name> in buf; 0, or -1 after the "too big"
+// message under op's name.
+int build_lock_path(const char* op, const char* name, StorePath& buf) {
     const char* root = cfg_work_directory.c_str();
-    int n = std::snprintf(buf, kStorePathMax + 1, "%s%s%s", root, "/locks/", name);
-    if (n < 0 || static_cast<size_t>(n) > kStorePathMax) {
+    if (!store_path(buf, "%s%s%s", root, "/locks/", name)) {
         CV_ERROR_AS(op, "too big lock path %s%s%s", root, "/locks/", name);
         return -1;
     }
@@ -82,7 +81,7 @@ LockName make_lock_name(int timeout_ms, const char* fmt, ...) {
 }  // namespace
 
 int PathLock(const char* path, int timeout_ms) {
-    char lockpath[kStorePathMax + 1];
+    StorePath lockpath;
     if (build_lock_path(__func__, path, lockpath) < 0) return -4;
     if (!plain_file_name(path)) {
         CV_ERROR("Bad lock name %s", path);
@@ -120,7 +119,7 @@ int PathLock(const char* path, int timeout_ms) {
 }
 
 void PathUnlock(const char* path) {
-    char lockpath[kStorePathMax + 1];
+    StorePath lockpath;
     if (build_lock_path(__func__, path, lockpath) < 0) return;
     if (!plain_file_name(path)) {
         CV_ERROR("Bad lock name %s", path);
