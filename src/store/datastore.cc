@@ -35,19 +35,11 @@ constexpr int kUuidWidth = sizeof(DatastoreEntry::uuid);
 
 // The uuid names the record's directory, and the unreference removes that
 // directory recursively: an empty one would address "Datastore" itself, "."
-// and ".." or a "/" would leave it. Such a uuid is refused under op's name
+// and ".." or a "/" would leave it. Every operation refuses such a uuid
 // before any path is made from it, whoever handed it in (a peer's DS_PING,
 // a node's datastoremember written by another program).
-bool datastore_uuid_refused(const char* op, const char* uuid, size_t width) {
-    if (uuid_is_safe(uuid, width))
-        return false;
-    CV_ERROR_AS(op, "Refused Datastore uuid \"%.*s\"", static_cast<int>(::strnlen(uuid, width)),
-                uuid);
-    return true;
-}
-
 int DatastoreCreate(const Hdr* hdr, const DatastoreEntry* dse) {
-    if (datastore_uuid_refused(__func__, dse->uuid, kUuidWidth))
+    if (uuid_refused(__func__, "Datastore", dse->uuid, kUuidWidth))
         return -1;
     CV_INFO("Create Datastore %.*s", kUuidWidth, dse->uuid);
 
@@ -88,7 +80,7 @@ int DatastoreCreate(const Hdr* hdr, const DatastoreEntry* dse) {
 
 int DatastoreLoad(const char* dsuuid, DatastoreEntry* dse) {
     std::memset(dse, 0, sizeof *dse);
-    if (datastore_uuid_refused(__func__, dsuuid, std::strlen(dsuuid)))
+    if (uuid_refused(__func__, "Datastore", dsuuid, std::strlen(dsuuid)))
         return -1;
     CV_INFO("Load Datastore %s", dsuuid);
 
@@ -102,7 +94,7 @@ int DatastoreLoad(const char* dsuuid, DatastoreEntry* dse) {
 }
 
 int DatastoreUpdate_UnrefNode(const char* dsuuid, const char* nodeuuid) {
-    if (datastore_uuid_refused(__func__, dsuuid, std::strlen(dsuuid)))
+    if (uuid_refused(__func__, "Datastore", dsuuid, std::strlen(dsuuid)))
         return -1;
     CV_INFO("Update Datastore %s unref Node %s", dsuuid, nodeuuid);
 

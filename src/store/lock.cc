@@ -35,16 +35,6 @@ int build_lock_path(const char* op, const char* name, StorePath& buf) {
     return 0;
 }
 
-// Lock names come from uuids and node ids announced by other hosts. A name
-// that is empty, ".", ".." or holds a "/" would put the lock file somewhere
-// other than directly in "locks" (and its release would unlink there), so
-// such names are refused before any file is touched. Names made by the
-// name builders and by the JSON store (which turns "/" into "|") never are.
-bool plain_file_name(const char* name) {
-    return name[0] != '\0' && std::strchr(name, '/') == nullptr && std::strcmp(name, ".") != 0 &&
-           std::strcmp(name, "..") != 0;
-}
-
 // Writes the pid text into the lock file just created and flushes it; 0, -3
 // or -4. The descriptor is closed on every path.
 int fill_lock_file(int fd, const char* lockpath, const char* pid, size_t pid_len) {
@@ -83,7 +73,12 @@ LockName make_lock_name(int timeout_ms, const char* fmt, ...) {
 int PathLock(const char* path, int timeout_ms) {
     StorePath lockpath;
     if (build_lock_path(__func__, path, lockpath) < 0) return -4;
-    if (!plain_file_name(path)) {
+    // Lock names come from uuids and node ids announced by other hosts. One
+    // that uuid_is_safe refuses would put the lock file somewhere other than
+    // directly in "locks" (and its release would unlink there). Names made
+    // by the name builders and by the JSON store (which turns "/" into "|")
+    // never are.
+    if (!uuid_is_safe(path, std::strlen(path))) {
         CV_ERROR("Bad lock name %s", path);
         return -2;
     }
@@ -121,7 +116,7 @@ int PathLock(const char* path, int timeout_ms) {
 void PathUnlock(const char* path) {
     StorePath lockpath;
     if (build_lock_path(__func__, path, lockpath) < 0) return;
-    if (!plain_file_name(path)) {
+    if (!uuid_is_safe(path, std::strlen(path))) {
         CV_ERROR("Bad lock name %s", path);
         return;
     }

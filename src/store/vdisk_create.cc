@@ -55,11 +55,8 @@ bool fits(int n, size_t max) {
 // that locks and links use and as the field that goes into "parent", which
 // the loader refuses to read back when it is no plain name.
 bool uuids_refused(const char* op, const VDisk* vdisk) {
-    if (!uuid_is_safe(vdisk->vdiskuuid, sizeof vdisk->vdiskuuid)) {
-        CV_ERROR_AS(op, "Refused VDisk uuid \"%.*s\"", int{sizeof vdisk->vdiskuuid},
-                    vdisk->vdiskuuid);
+    if (uuid_refused(op, "VDisk", vdisk->vdiskuuid, sizeof vdisk->vdiskuuid))
         return true;
-    }
     const char* parent = vdisk->vde.description.snap.parent;
     if (vdisk->vde.snapshot != 0 &&
         (!uuid_is_safe(vdisk->parentuuid, sizeof vdisk->parentuuid) ||

@@ -28,14 +28,6 @@ namespace {
 // The receive path refuses such uuids before it calls in, but the texts
 // also come from the store, which other programs write, so each operation
 // refuses them again before it builds a single path.
-bool uuid_refused(const char* op, const char* kind, const char* uuid, size_t width) {
-    if (uuid_is_safe(uuid, width))
-        return false;
-    CV_ERROR_AS(op, "Refused %s uuid \"%.*s\"", kind, static_cast<int>(::strnlen(uuid, width)),
-                uuid);
-    return true;
-}
-
 bool vdisk_refused(const char* op, const VDisk* vdisk) {
     return uuid_refused(op, "VDisk", vdisk->vdiskuuid, sizeof vdisk->vdiskuuid);
 }
