@@ -321,10 +321,8 @@ int json_write_local_files(jsonEntry* jsonobj, const char* json) {
     }
     const size_t n = std::strlen(line);
     StorePath index;
-    if (!store_path(index, "%s%s", root, cfg_local_files.c_str())) {
-        CV_ERROR("too long path %s for local_files", cfg_local_files.c_str());
+    if (json_index_path(__func__, index) < 0)
         return -1;
-    }
     HeldLock lock;
     if (lock.take(JsonLockName(index)) < 0)
         return 0;  // stored, not listed
@@ -348,18 +346,15 @@ int json_delete_local_files(const jsonEntry* jsonobj) {
     if (json_entry_refused(__func__, jsonobj))
         return -1;
     const char* root = cfg_work_directory.c_str();
-    const char* local_files = cfg_local_files.c_str();
     StorePath file, index, tmp;
     if (!store_path(file, "%s%s/%s%s", root, "/v2", jsonobj->path, jsonobj->filename)) {
         CV_ERROR("too big file path %s", jsonobj->path);
         return -1;
     }
-    if (!store_path(index, "%s%s", root, local_files)) {
-        CV_ERROR("too long path %s for local_files", local_files);
+    if (json_index_path(__func__, index) < 0)
         return -2;
-    }
     if (!store_path(tmp, "%s.tmp", index)) {
-        CV_ERROR("too long path %s.tmp for tmp local_files", local_files);
+        CV_ERROR("too long path %s.tmp for tmp local_files", cfg_local_files.c_str());
         return -3;
     }
     // The line of a 255-byte path needs one byte more than a path.
@@ -472,6 +467,50 @@ bool json_file_in_tree(const char* filepath) {
     const std::string prefix = cfg_work_directory + "/v2/";
     return std::strncmp(filepath, prefix.c_str(), prefix.size()) == 0 && !has_dotdot(filepath) &&
            std::strchr(filepath, '\n') == nullptr;
+}
+
+int json_index_path(const char* op, StorePath& index) {
+    if (store_path(index, "%s%s", cfg_work_directory.c_str(), cfg_local_files.c_str()))
+        return 0;
+    CV_ERROR_AS(op, "too long path %s for local_files", cfg_local_files.c_str());
+    return -1;
+}
+
+void json_index_lines(const char* index, IndexLink link,
+                      const std::function<bool(char* file)>& each) {
+    UniqueFile fp(open_stream(index, link == IndexLink::kFollow ? 0 : O_NOFOLLOW, 0, "r"));
+    if (!fp)
+        return;
+    for_each_line(fp.get(), [&](char* line, size_t len) {
+        if (len > 0 && line[len - 1] == '\n')
+            line[len - 1] = '\0';
+        return each(line);
+    });
+}
+
+int json_load_metadata(const char* file, jsonEntry* jsonobj) {
+    StorePath mtd;
+    if (!store_path(mtd, "%s.mtd", file))
+        return -2;
+    return json_interact_metadata(mtd, jsonobj, LOAD);
+}
+
+ssize_t json_read_document(const char* file, char* text, size_t cap) {
+    UniqueFd fd(::open(file, O_RDONLY | O_NOFOLLOW | O_CLOEXEC));
+    if (!fd)
+        return -1;
+    size_t got = 0;
+    while (got < cap) {
+        ssize_t n = ::read(fd.get(), text + got, cap - got);
+        if (n < 0 && errno == EINTR)
+            continue;
+        if (n < 0)
+            return -1;
+        if (n == 0)
+            break;
+        got += static_cast<size_t>(n);
+    }
+    return static_cast<ssize_t>(got);
 }
 
 }  // namespace corvald

@@ -9,11 +9,13 @@
 #include <cassert>
 #include <cerrno>
 #include <cstdio>
+#include <cstdlib>
 #include <cstring>
 #include <ctime>
 #include <memory>
 
 #include "base/config.h"
+#include "base/list_file.h"
 #include "base/log.h"
 #include "store/attr.h"
 
@@ -96,6 +98,21 @@ int open_existing_node(RecordDir* dir, uint32_t uid) {
         }
         CV_WARN_AS(dir->op(), "open(%s): %s", dir->path(), std::strerror(errno));
     }
+}
+
+constexpr const char* kLoadLocalNodes = "load_local_nodes";
+
+int add_local_node(const char* path, const char* line, NodeList* list) {
+    uint32_t nodeid = static_cast<uint32_t>(std::strtoul(line, nullptr, 10));
+    if (nodeid == 0) {
+        CV_ERROR_AS(kLoadLocalNodes, "Malformed file %s", path);
+        return -1;
+    }
+    auto node = std::make_unique<Node>();
+    NodeInit(node.get(), nodeid);
+    CV_DEBUG_AS(kLoadLocalNodes, "LOCAL_NODE: %u (%s)", nodeid, line);
+    list->push_back(std::move(node));
+    return 0;
 }
 
 struct DirCloser {
@@ -325,6 +342,13 @@ int NodeLoad_VDisks(unsigned int nodeid, VDiskTree* vdtp) {
             CV_INFO("Load Node %u attach VDisk %s", nodeid, ent->d_name);
         }
     }
+}
+
+int read_local_nodes(const char* path, NodeList* nodes) {
+    assert(nodes->empty());
+    return read_list_file(kLoadLocalNodes, path, nodes, [path](const char* line, NodeList* list) {
+        return add_local_node(path, line, list);
+    });
 }
 
 }  // namespace corvald
