@@ -124,8 +124,10 @@ const char* entry_fault(const jsonEntry* e) {
         return "line feed";
     // The document is path and filename joined as they come; the directory
     // is path alone ("a/." and "." join to "a/..", ".." and "x" to "..x").
+    // Both are put behind "<root>/v2/", so a leading "/" stays in the tree
+    // ("/etc/" is <root>/v2//etc/): only a ".." component leaves it.
     std::string joined = std::string(e->path) + e->filename;
-    if (joined[0] == '/' || has_dotdot(joined.c_str()) || has_dotdot(e->path))
+    if (has_dotdot(joined.c_str()) || has_dotdot(e->path))
         return "outside the JSON tree";
     // A document (or its metadata) at the index's place would let a peer
     // rewrite the list of what this host re-announces.

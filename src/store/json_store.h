@@ -52,8 +52,9 @@ int mkdir_p(const char* dir, mode_t mode);
 // its file's is taken, the index's before a document's.
 LockName JsonLockName(const char* path);
 // Whether the entry must be refused: an unterminated text, a line feed, or a
-// path/filename that leads out of the JSON tree or onto the index. A refusal
-// is logged under op's name.
+// path/filename that leads out of the JSON tree (a ".." component; a leading
+// "/" stays inside, behind "<root>/v2/") or onto the index. A refusal is
+// logged under op's name.
 bool json_entry_refused(const char* op, const jsonEntry* jsonobj);
 // Whether the full path of a document file (a line of the index) lies under
 // the JSON tree of this store with no ".." component, so that it may be read.

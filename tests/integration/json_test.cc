@@ -1,7 +1,7 @@
 // JSON documents through the real binary: "store_json" and "delete_json" on
 // the control port, STORE_JSON and DELETE_JSON datagrams from a peer, the
 // re-announcement and the expiry on the JSON timer, and names that would lead
-// out of the JSON tree, by either way in.
+// out of the JSON tree, by either way in (a leading "/" does not).
 #include <arpa/inet.h>
 #include <fcntl.h>
 #include <gtest/gtest.h>
@@ -211,7 +211,7 @@ TEST(Json, NamesLeadingOutOfTheTreeRefusedBothWays) {
     ASSERT_TRUE(h.sink.next());
     const Files before = tree(h.s.dir.path());
     const std::pair<std::string, std::string> names[] = {
-        {"../", "keep"}, {"../../", "keep"}, {"a/../../", "keep"}, {"/etc/", "passwd"},
+        {"../", "keep"}, {"../../", "keep"}, {"a/../../", "keep"}, {"/../", "keep"},
         {"a/.", "."},    {"", ".."},         {"", "local_files"}};
     std::vector<Row> rows;
     for (const auto& [path, file] : names) {
@@ -229,7 +229,11 @@ TEST(Json, NamesLeadingOutOfTheTreeRefusedBothWays) {
     EXPECT_EQ(tree(h.s.dir.path()), before);
     EXPECT_TRUE(std::filesystem::is_empty(h.s.db() + "/locks"));
     // The next datagram the sink gets is this one: the refused lines sent none.
-    h.run({{"delete_json|1||ok.json|x\n", {}, sent(37, entry("1", "", "ok.json", "x"))}});
+    // A leading "/" stays in the tree: "/etc/" is v2//etc/.
+    const std::string etc = h.v2("/etc/passwd");
+    h.run({{"delete_json|1||ok.json|x\n", {}, sent(37, entry("1", "", "ok.json", "x"))},
+           {"store_json|1|/etc/|passwd|{}\n", {}, sent(36, entry("1", "/etc/", "passwd", "{}")),
+            {{etc, "{}"}, {h.v2("local_files"), etc + "\n"}}}});
 }
 
 }  // namespace
