@@ -47,6 +47,8 @@ TEST(VDiskTree, ByteOrderAndDuplicates) {
     auto dup = vdisk_named("a2");
     EXPECT_EQ(VDiskTree_RB_INSERT(&t, &dup), first);
     ASSERT_NE(dup, nullptr);
+    EXPECT_NE(dup.get(), first);
+    EXPECT_EQ(VDiskTree_RB_FIND(&t, "a2"), first);
     EXPECT_EQ(t.size(), 6u);
     EXPECT_EQ(VDiskTree_RB_FIND(&t, "a3"), nullptr);
 }
