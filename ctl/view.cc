@@ -366,10 +366,8 @@ int load_nodes(time_t now, std::vector<NodeView>* out, std::string* why) {
     std::set<uint32_t> local;
     NodeList local_nodes;
     last_error.clear();
-    if (read_local_nodes(cfg_local_nodes.c_str(), &local_nodes) < 0) {
+    if (read_local_nodes(cfg_local_nodes.c_str(), &local_nodes) < 0)
         std::fprintf(stderr, "corvalctl: no node shown as local: %s\n", last_error.c_str());
-        local_nodes.clear();
-    }
     for (const auto& n : local_nodes) local.insert(n->nodeid);
     std::sort(ents.begin(), ents.end(), [](auto& a, auto& b) { return id_less(a.name, b.name); });
     for (const Entry& e : ents) {

@@ -346,9 +346,12 @@ int NodeLoad_VDisks(unsigned int nodeid, VDiskTree* vdtp) {
 
 int read_local_nodes(const char* path, NodeList* nodes) {
     assert(nodes->empty());
-    return read_list_file(kLoadLocalNodes, path, nodes, [path](const char* line, NodeList* list) {
+    int rc = read_list_file(kLoadLocalNodes, path, nodes, [path](const char* line, NodeList* list) {
         return add_local_node(path, line, list);
     });
+    if (rc < 0)
+        nodes->clear();
+    return rc;
 }
 
 }  // namespace corvald

@@ -44,7 +44,7 @@ int NodeLoad_VDisks(unsigned int nodeid, VDiskTree* vdtp);
 // line in file order: a decimal node id read like strtoul (leading blanks,
 // ends at the first non-digit), of which the low 32 bits are used and must
 // not be 0. The lines carry load_local_nodes, the operation that installs
-// the list. 0, or negative after a failure, the list then to be discarded.
+// the list. 0, or negative after a failure, which leaves the list empty.
 int read_local_nodes(const char* path, NodeList* nodes);
 
 }  // namespace corvald
