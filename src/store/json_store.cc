@@ -1,7 +1,8 @@
 // The local JSON file store: documents under <root>/v2/ with their metadata
 // files, the local-files index, the JSON path locks, and the expiry sweep.
 //
-// Every path here is built with store_path and refused when it does not fit. At most one JSON path lock is held at a time, and each is released
+// Every path here is built with store_path and refused when it does not
+// fit. At most one JSON path lock is held at a time, and each is released
 // before the next is taken.
 #include "store/json_store.h"
 
