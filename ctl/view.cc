@@ -14,7 +14,6 @@
 #include <set>
 
 #include "base/config.h"
-#include "controller/controller_internal.h"
 #include "store/json_store.h"
 #include "store/attr.h"
 #include "store/datastore.h"
@@ -310,7 +309,7 @@ void read_doc(const std::string& file, DocView* d) {
     // The daemon's own reader: the whole record or nothing, a link at the
     // file's place not followed.
     jsonEntry je = {};
-    const int lrc = json_interact_metadata((file + ".mtd").c_str(), &je, LOAD);
+    const int lrc = json_load_metadata(file.c_str(), &je);
     lock.release();
     if (lrc < 0) {
         d->error = failure("metadata unreadable");
@@ -365,8 +364,9 @@ int load_nodes(time_t now, std::vector<NodeView>* out, std::string* why) {
     if (list_top("Node", &ents, why) < 0)
         return -1;
     std::set<uint32_t> local;
+    NodeList local_nodes;
     last_error.clear();
-    if (load_local_nodes() < 0)
+    if (read_local_nodes(cfg_local_nodes.c_str(), &local_nodes) < 0)
         std::fprintf(stderr, "corvalctl: no node shown as local: %s\n", last_error.c_str());
     for (const auto& n : local_nodes) local.insert(n->nodeid);
     std::sort(ents.begin(), ents.end(), [](auto& a, auto& b) { return id_less(a.name, b.name); });
@@ -421,12 +421,13 @@ int load_docs(time_t now, std::vector<DocView>* out, std::string* why) {
         return -1;
     const std::string tree = cfg_work_directory + "/v2";
     walk = {now, tree.size() + 1, {}, out};
-    UniqueFd fd(::open((cfg_work_directory + cfg_local_files).c_str(), O_RDONLY | O_NOFOLLOW));
-    char* text = nullptr;
-    if (fd && FileLoad(fd.get(), &text) > 0) {
-        UniqueChars owned(text);
-        for (char* line = std::strtok(text, "\n"); line; line = std::strtok(nullptr, "\n"))
-            walk.index.insert(line);
+    // The daemon's own reader of the index, but following no link to it.
+    StorePath index;
+    if (json_index_path("corvalctl", index) == 0) {
+        json_index_lines(index, IndexLink::kRefuse, [](char* file) {
+            walk.index.insert(file);
+            return true;
+        });
     }
     if (!top.empty() && ::nftw(tree.c_str(), doc_entry, 16, FTW_PHYS) != 0) {
         *why = tree + ": " + std::strerror(errno);

@@ -77,18 +77,10 @@ void announce_node(Node* node, char* buf, size_t buflen, int so) {
                     node->nodeuuid);
     }
 
-    size_t len = 0;
-    if (send_ds) {
-        if (build_ds_ping(node, buf, buflen, &len) < 0) {
-            CV_ERROR_AS(kSendPings, "Oversized DS_PING from Node %s Datastore %s", node->nodeuuid,
-                        node->dsuuid);
-            return;
-        }
-        CV_INFO_AS(kSendPings, "Send DS_PING %zuB from Node %s Datastore %s", len, node->nodeuuid,
-                   node->dsuuid);
-        xmit_msg(buf, len, so, counter::DS_PING);
+    if (send_ds && !send_announcement(kSendPings, "DS_PING", counter::DS_PING, node, build_ds_ping,
+                                      buf, buflen, so, "Datastore", node->dsuuid)) {
+        return;
     }
-
     send_aux_ping(node, buf, buflen, so, kSendPings);
 
     const char* failed = nullptr;
@@ -97,12 +89,7 @@ void announce_node(Node* node, char* buf, size_t buflen, int so) {
                     failed);
         return;
     }
-    if (build_vdisk_ping(node, buf, buflen, &len) < 0) {
-        CV_ERROR_AS(kSendPings, "Oversized PING from Node %s", node->nodeuuid);
-        return;
-    }
-    CV_INFO_AS(kSendPings, "Send PING %zuB from Node %s", len, node->nodeuuid);
-    xmit_msg(buf, len, so, counter::PING);
+    send_announcement(kSendPings, "PING", counter::PING, node, build_vdisk_ping, buf, buflen, so);
 }
 
 }  // namespace
@@ -154,13 +141,27 @@ int load_datastore(Node* node) {
 }
 
 void send_aux_ping(const Node* node, char* buf, size_t buflen, int so, const char* op) {
+    send_announcement(op, "AUX_PING", counter::AUX_PING, node, build_aux_ping, buf, buflen, so);
+}
+
+bool send_announcement(const char* op, const char* kind, int idx, const Node* node,
+                       const AnnouncementBuilder& build, char* buf, size_t buflen, int so,
+                       const char* label, const char* value) {
+    // After the node, " <label> <value>" when the kind names a data store
+    // or VDisk; the value may be empty (a DS_PING without a data store).
+    const char* sp = label != nullptr ? " " : "";
+    if (label == nullptr)
+        label = value = "";
     size_t len = 0;
-    if (build_aux_ping(node, buf, buflen, &len) < 0) {
-        CV_ERROR_AS(op, "Oversized AUX_PING from Node %s", node->nodeuuid);
-        return;
+    if (build(node, buf, buflen, &len) < 0) {
+        CV_ERROR_AS(op, "Oversized %s from Node %s%s%s%s%s", kind, node->nodeuuid, sp, label, sp,
+                    value);
+        return false;
     }
-    CV_INFO_AS(op, "Send AUX_PING %zuB from Node %s", len, node->nodeuuid);
-    xmit_msg(buf, len, so, counter::AUX_PING);
+    CV_INFO_AS(op, "Send %s %zuB from Node %s%s%s%s%s", kind, len, node->nodeuuid, sp, label, sp,
+               value);
+    xmit_msg(buf, len, so, idx);
+    return true;
 }
 
 void prepare_local_node(Node* node) {
@@ -259,15 +260,9 @@ void send_heartbeats(char* buf, size_t buflen, int so) {
     for (auto& np : local_nodes) {
         Node* node = np.get();
         prepare_local_node(node);
-        if (load_local_node(node, 0) < 0)
-            continue;
-        size_t len = 0;
-        if (build_heartbeat(node, buf, buflen, &len) < 0) {
-            CV_ERROR("Oversized HEARTBEAT from Node %s", node->nodeuuid);
-            continue;
-        }
-        CV_INFO("Send HEARTBEAT %zuB from Node %s", len, node->nodeuuid);
-        xmit_msg(buf, len, so, counter::HEARTBEAT);
+        if (load_local_node(node, 0) == 0)
+            send_announcement(__func__, "HEARTBEAT", counter::HEARTBEAT, node, build_heartbeat, buf,
+                          buflen, so);
     }
 }
 

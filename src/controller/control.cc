@@ -103,14 +103,13 @@ void send_single_vdisk_ping(const char* nodeuuid, const char* vdiskuuid, char* b
         if (lock.take(VDiskLockName(vdisk->vdiskuuid)) < 0 || VDiskLoad(node, vdisk) < 0)
             return;
     }
-    size_t len = 0;
-    if (build_single_vdisk_ping(node, vdisk, buf, buflen, &len) < 0) {
-        CV_ERROR("Oversized SINGLE_VDISK_PING from Node %s VDisk %s", nodeuuid, vdiskuuid);
-        return;
+    auto build = [vdisk](const Node* n, char* b, size_t blen, size_t* len) {
+        return build_single_vdisk_ping(n, vdisk, b, blen, len);
+    };
+    if (send_announcement(__func__, "SINGLE_VDISK_PING", counter::SV_PING, node, build, buf, buflen,
+                          so, "VDisk", vdiskuuid)) {
+        send_aux_ping(node, buf, buflen, so, __func__);
     }
-    CV_INFO("Send SINGLE_VDISK_PING %zuB from Node %s VDisk %s", len, nodeuuid, vdiskuuid);
-    xmit_msg(buf, len, so, counter::SV_PING);
-    send_aux_ping(node, buf, buflen, so, __func__);
 }
 
 // The DS_PING of a local node, alone.
@@ -126,13 +125,8 @@ void send_ds_ping(const char* nodeuuid, char* buf, size_t buflen, int so) {
         return;
     if (node->dsuuid[0] != '\0' && load_datastore(node) < 0)
         return;
-    size_t len = 0;
-    if (build_ds_ping(node, buf, buflen, &len) < 0) {
-        CV_ERROR("Oversized DS_PING from Node %s Datastore %s", nodeuuid, node->dsuuid);
-        return;
-    }
-    CV_INFO("Send DS_PING %zuB from Node %s Datastore %s", len, nodeuuid, node->dsuuid);
-    xmit_msg(buf, len, so, counter::DS_PING);
+    send_announcement(__func__, "DS_PING", counter::DS_PING, node, build_ds_ping, buf, buflen, so,
+                      "Datastore", node->dsuuid);
 }
 
 // VDISK_DELETED: the header, then the node id and the VDisk's uuid text in
@@ -164,14 +158,13 @@ void send_vdisk_deleted(const char* nodeuuid, const char* vdiskuuid, char* buf, 
     Node* node = reload_named_node(nodeuuid, 0);
     if (node == nullptr)
         return;
-    size_t len = 0;
-    if (build_vdisk_deleted(node, vdiskuuid, buf, buflen, &len) < 0) {
-        CV_ERROR("Oversized VDISK_DELETED from Node %s VDisk %s", nodeuuid, vdiskuuid);
-        return;
+    auto build = [vdiskuuid](const Node* n, char* b, size_t blen, size_t* len) {
+        return build_vdisk_deleted(n, vdiskuuid, b, blen, len);
+    };
+    if (send_announcement(__func__, "VDISK_DELETED", counter::VDISK_DEL, node, build, buf, buflen,
+                          so, "VDisk", vdiskuuid)) {
+        send_aux_ping(node, buf, buflen, so, __func__);
     }
-    CV_INFO("Send VDISK_DELETED %zuB from Node %s VDisk %s", len, nodeuuid, vdiskuuid);
-    xmit_msg(buf, len, so, counter::VDISK_DEL);
-    send_aux_ping(node, buf, buflen, so, __func__);
 }
 
 // The commands. Each runs the command line in ccp->buf (its line end

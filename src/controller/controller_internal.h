@@ -9,6 +9,7 @@
 
 #include <cstddef>
 #include <cstdint>
+#include <functional>
 #include <list>
 #include <memory>
 
@@ -70,6 +71,19 @@ bool put_header(DatagramWriter* w, char* buf, size_t buflen, const Node* node, u
 // order, each traced under op with kind ("Plain" or "Snapshot"). False when
 // one does not fit.
 bool put_members_frontends(DatagramWriter* w, const VDisk& vd, const char* kind, const char* op);
+// Writes one announcement of node into buf (buflen bytes) and its length
+// into *msglen; 0, or -1 when it does not fit.
+using AnnouncementBuilder =
+    std::function<int(const Node* node, char* buf, size_t buflen, size_t* msglen)>;
+// The one way an announcement leaves the daemon: build writes it into buf,
+// then "Oversized <kind> from Node <node>[ <label> <value>]" is logged
+// (error) and nothing sent, or "Send <kind> <length>B from Node ..." (info)
+// and xmit_msg sends it, counted under idx. Both lines carry op's name;
+// kind is the type's name ("DS_PING"), label "Datastore" or "VDisk" when the
+// lines name one. False when the datagram did not fit.
+bool send_announcement(const char* op, const char* kind, int idx, const Node* node,
+                       const AnnouncementBuilder& build, char* buf, size_t buflen, int so,
+                       const char* label = nullptr, const char* value = nullptr);
 // Builds and sends the node's AUX_PING, reporting under op's name.
 void send_aux_ping(const Node* node, char* buf, size_t buflen, int so, const char* op);
 // DS_PING: the header, and the data store entry when dsuuid is set.

@@ -60,7 +60,7 @@ void handle_ds_ping(const Received& rx) {
         dse_dump(&dse);
         // The uuid becomes a lock name and a directory that the last
         // unreference removes recursively: refused before either.
-        if (datastore_uuid_refused(kLoop, dse.uuid, sizeof dse.uuid)) return;
+        if (uuid_refused(kLoop, "Datastore", dse.uuid, sizeof dse.uuid)) return;
         if (under_lock(DatastoreLockName(dse.uuid), [&] { return DatastoreCreate(hdr, &dse); }) < 0)
             return;
         under_lock(NodeLockName(hdr->uid), [&] { return NodeUpdate_RefDatastore(hdr, &dse); });

@@ -5,18 +5,12 @@
 //
 // A command line reads  <keyword><ignored>|<node>|<path>|<filename>|<text>
 // where the text runs to the end of the line and may itself hold "|".
-#include <fcntl.h>
-#include <unistd.h>
-
-#include <cerrno>
-#include <cstdio>
 #include <cstring>
 #include <string_view>
 #include <vector>
 
 #include "base/config.h"
 #include "base/log.h"
-#include "base/unique_file.h"
 #include "controller/controller_internal.h"
 #include "controller/stats.h"
 #include "net/datagram.h"
@@ -30,26 +24,6 @@ namespace {
 enum storeJsonParameters { NODEUUID = 0, PATH = 1, FILENAME = 2, LAST = 3 };
 
 constexpr char kSeparator = '|';
-
-// Reads up to cap bytes of the document file into text; the count, or -1.
-// A link at the file's place is not followed, as when the store writes it.
-ssize_t read_document(const char* path, char* text, size_t cap) {
-    UniqueFd fd(::open(path, O_RDONLY | O_NOFOLLOW | O_CLOEXEC));
-    if (!fd)
-        return -1;
-    size_t got = 0;
-    while (got < cap) {
-        ssize_t n = ::read(fd.get(), text + got, cap - got);
-        if (n < 0 && errno == EINTR)
-            continue;
-        if (n < 0)
-            return -1;
-        if (n == 0)
-            break;
-        got += static_cast<size_t>(n);
-    }
-    return static_cast<ssize_t>(got);
-}
 
 }  // namespace
 
@@ -176,11 +150,8 @@ int send_json_ping(jsonEntry* jsonobj, const char* json, char* buf, size_t bufle
     // address of this process's memory is not put on the wire.
     jsonobj->json = 0;
 
-    std::memset(buf, 0, buflen);
     DatagramWriter w(buf, buflen);
-    Hdr hdr = node->hdr;
-    hdr.type = type;
-    if (!w.put(hdr)) {
+    if (!put_header(&w, buf, buflen, node, type)) {
         CV_ERROR("STORE JSON too big header can not send %zu", sizeof(Hdr));
         return -1;
     }
@@ -200,39 +171,28 @@ int send_pings_json(char* buf, size_t buflen, int so) {
     // The index is read where the store writes it, at the configured
     // local_files place, so that moving it does not silently end the
     // re-announcements (with the default the two are one place anyway).
-    char index[256];
-    int n = std::snprintf(index, sizeof index, "%s%s", cfg_work_directory.c_str(),
-                          cfg_local_files.c_str());
-    if (n < 0 || static_cast<size_t>(n) >= sizeof index) {
-        CV_ERROR("too long path %s for local_files", cfg_local_files.c_str());
+    StorePath index;
+    if (json_index_path(__func__, index) < 0)
         return -1;
-    }
-    UniqueFile f(std::fopen(index, "r"));
-    if (!f)
-        return 0;  // nothing was ever listed here
-
     // The lines are read by a lambda, which must not log under its own name.
     constexpr const char* kOp = "send_pings_json";
     std::vector<char> text(buflen + 1);
-    for_each_line(f.get(), [&](char* line, size_t len) {
-        if (len > 0 && line[len - 1] == '\n')
-            line[--len] = '\0';
+    json_index_lines(index, IndexLink::kFollow, [&](char* line) {
         // The index is a file other programs can write too: a line that names
         // anything but a document of the JSON tree is never read.
         if (!json_file_in_tree(line)) {
             CV_DEBUG_AS(kOp, "Skip %s: not a document of the JSON tree", line);
             return true;
         }
-        char mtd[256];
-        n = std::snprintf(mtd, sizeof mtd, "%s.mtd", line);
         jsonEntry je = {};
-        if (n < 0 || static_cast<size_t>(n) >= sizeof mtd) {
+        const int rc = json_load_metadata(line, &je);
+        if (rc == -2) {
             CV_DEBUG_AS(kOp, "too long path for metadata_path %s", line);
-        } else if (json_interact_metadata(mtd, &je, LOAD) < 0 || json_entry_refused(kOp, &je)) {
+        } else if (rc < 0 || json_entry_refused(kOp, &je)) {
             CV_DEBUG_AS(kOp, "Failed to load metadata for file %s", line);
         } else {
             std::memset(text.data(), 0, buflen);
-            ssize_t got = read_document(line, text.data(), buflen);
+            ssize_t got = json_read_document(line, text.data(), buflen);
             if (got < 2) {
                 CV_ERROR_AS(kOp, "Failed to read json from file %s", index);
             } else {

@@ -198,14 +198,20 @@ bool uuid_is_safe(const char* field, size_t width) {
     return true;
 }
 
+bool uuid_refused(const char* op, const char* kind, const char* field, size_t width) {
+    if (uuid_is_safe(field, width))
+        return false;
+    CV_ERROR_AS(op, "Refused %s uuid \"%.*s\"", kind, static_cast<int>(::strnlen(field, width)),
+                field);
+    return true;
+}
+
 int vde_check_uuids(const VDiskEntry* vde) {
     // These texts become directory names of the store, whose removal is
     // recursive: an empty name would address the VDisk directory itself,
     // "/", "." and ".." would leave it.
-    if (!uuid_is_safe(vde->uuid, sizeof vde->uuid)) {
-        CV_ERROR("Refused VDisk uuid \"%.*s\"", int{sizeof vde->uuid}, vde->uuid);
+    if (uuid_refused(__func__, "VDisk", vde->uuid, sizeof vde->uuid))
         return -1;
-    }
     if (vde->snapshot != 0) {
         const char* parent = vde->description.snap.parent;
         if (!uuid_is_safe(parent, sizeof vde->description.snap.parent)) {

@@ -303,10 +303,14 @@ int addr_text_to_number(const char* text, uint32_t* number);
 int addr_number_to_text(uint32_t number, char* text);
 
 // Whether a uuid text field (bounded by width, ending at its first zero
-// byte) may name a directory of the store: refused when empty, when it holds
-// a "/", and when it is "." or "..". Every uuid taken from the network or
-// from another program goes through here before it becomes part of a path.
+// byte) may name a directory of the store or a lock: refused when empty,
+// when it holds a "/", and when it is "." or "..". The one check of a name:
+// every uuid, node id text or lock name taken from the network, from the
+// store or from another program goes through here before it becomes part of
+// a path.
 bool uuid_is_safe(const char* field, size_t width);
+// !uuid_is_safe, after "Refused <kind> uuid \"<text>\"" under op's name.
+bool uuid_refused(const char* op, const char* kind, const char* field, size_t width);
 // Whether a received VDiskEntry may become a VDisk: its uuid and, for a
 // snapshot, its parent uuid pass uuid_is_safe. 0, or -1 (uuid) / -2
 // (parent) after an error line naming the refused text.

@@ -192,19 +192,37 @@ int RemoveEmptyDir(const char* op, const char* path) {
     return -1;
 }
 
+bool store_vpath(StorePath& path, const char* fmt, va_list ap) {
+    int n = std::vsnprintf(path, sizeof path, fmt, ap);
+    return n >= 0 && static_cast<size_t>(n) <= kStorePathMax;
+}
+
+bool store_path(StorePath& path, const char* fmt, ...) {
+    va_list ap;
+    va_start(ap, fmt);
+    bool fits = store_vpath(path, fmt, ap);
+    va_end(ap);
+    return fits;
+}
+
 int RecordDir::set_path(const char* fmt, ...) {
     va_list ap;
     va_start(ap, fmt);
-    int n = std::vsnprintf(path_, sizeof(path_), fmt, ap);
+    bool fits = store_vpath(path_, fmt, ap);
     va_end(ap);
-    if (n < 0 || static_cast<size_t>(n) > kStorePathMax) {
+    if (!fits) {
         path_[0] = '\0';
         return -1;
     }
     return 0;
 }
 
-int RecordDir::create(const char* top) {
+int RecordDir::create() {
+    // The top directory is a prefix of the record's path, so it fits too.
+    StorePath top;
+    const char* last = std::strrchr(path_, '/');
+    assert(last != nullptr);
+    if (!store_path(top, "%.*s", static_cast<int>(last - path_), path_)) return -1;
     if (StoreMkdir(op_, top) < 0 || StoreMkdir(op_, path_) < 0 || open() < 0) return -1;
     begin_batch();
     return 0;

@@ -7,6 +7,7 @@
 
 #include <sys/types.h>
 
+#include <cstdarg>
 #include <cstddef>
 #include <cstdint>
 #include <span>
@@ -15,8 +16,18 @@
 
 namespace corvald {
 
-// Longest store path; every path is built in a buffer one byte larger.
+// Longest store path.
 constexpr size_t kStorePathMax = 255;
+// A store path, built by store_path only.
+using StorePath = char[kStorePathMax + 1];
+// Formats a store path (the root, then its components) into path. False
+// when it would be longer than kStorePathMax: the path is refused, and the
+// step that wanted it fails (path then holds its first 255 bytes, for that
+// step's message only). Nothing is logged here.
+[[nodiscard]] bool store_path(StorePath& path, const char* fmt, ...)
+    __attribute__((format(printf, 2, 3)));
+[[nodiscard]] bool store_vpath(StorePath& path, const char* fmt, va_list ap)
+    __attribute__((format(printf, 2, 0)));
 // Longest attribute file content a reader accepts (value and line feed).
 constexpr size_t kAttrFileMax = 255;
 
@@ -118,12 +129,13 @@ public:
     RecordDir(const RecordDir&) = delete;
     RecordDir& operator=(const RecordDir&) = delete;
 
-    // Builds the path; 0, or -1 without a message when it is over 255 bytes.
+    // Builds the path with store_path; 0, or -1 without a message (and the
+    // path empty) when it is over 255 bytes.
     int set_path(const char* fmt, ...) __attribute__((format(printf, 2, 3)));
-    // Makes the top directory top (a prefix of path()) and the record
-    // directory, each after its "[MKDIR]" trace (existing ones count as
-    // made), opens the record and begins a batch; 0 or -1 (logged).
-    int create(const char* top);
+    // Makes the top directory (path() without its last component) and the
+    // record directory, each after its "[MKDIR]" trace (existing ones count
+    // as made), opens the record and begins a batch; 0 or -1 (logged).
+    int create();
     // Opens path() read-only as a directory; 0 or -1 (the open is logged).
     int open();
     // Opens name inside parent, shown as "<parent>/<name>"; 0, or -1 (path
@@ -167,7 +179,7 @@ private:
     const char* op_;
     int fd_ = -1;
     bool batch_ = false;
-    char path_[kStorePathMax + 1] = {};
+    StorePath path_ = {};
 };
 
 }  // namespace corvald

@@ -35,19 +35,11 @@ constexpr int kUuidWidth = sizeof(DatastoreEntry::uuid);
 
 // The uuid names the record's directory, and the unreference removes that
 // directory recursively: an empty one would address "Datastore" itself, "."
-// and ".." or a "/" would leave it. Such a uuid is refused under op's name
+// and ".." or a "/" would leave it. Every operation refuses such a uuid
 // before any path is made from it, whoever handed it in (a peer's DS_PING,
 // a node's datastoremember written by another program).
-bool datastore_uuid_refused(const char* op, const char* uuid, size_t width) {
-    if (uuid_is_safe(uuid, width))
-        return false;
-    CV_ERROR_AS(op, "Refused Datastore uuid \"%.*s\"", static_cast<int>(::strnlen(uuid, width)),
-                uuid);
-    return true;
-}
-
 int DatastoreCreate(const Hdr* hdr, const DatastoreEntry* dse) {
-    if (datastore_uuid_refused(__func__, dse->uuid, kUuidWidth))
+    if (uuid_refused(__func__, "Datastore", dse->uuid, kUuidWidth))
         return -1;
     CV_INFO("Create Datastore %.*s", kUuidWidth, dse->uuid);
 
@@ -55,11 +47,8 @@ int DatastoreCreate(const Hdr* hdr, const DatastoreEntry* dse) {
     const char* root = cfg_work_directory.c_str();
     if (dir.set_path("%s/Datastore/%.*s", root, kUuidWidth, dse->uuid) < 0)
         return -1;
-    // A prefix of the record path, so it fits as well.
-    char top[kStorePathMax + 1];
-    std::snprintf(top, sizeof top, "%s/Datastore", root);
     // From here on every way out flushes the record directory once.
-    if (dir.create(top) < 0)
+    if (dir.create() < 0)
         return -1;
     if (dir.store_fields(kDatastoreAttrs, dse) < 0 || dir.mkdir("vdisks") < 0 ||
         dir.mkdir("members") < 0) {
@@ -91,7 +80,7 @@ int DatastoreCreate(const Hdr* hdr, const DatastoreEntry* dse) {
 
 int DatastoreLoad(const char* dsuuid, DatastoreEntry* dse) {
     std::memset(dse, 0, sizeof *dse);
-    if (datastore_uuid_refused(__func__, dsuuid, std::strlen(dsuuid)))
+    if (uuid_refused(__func__, "Datastore", dsuuid, std::strlen(dsuuid)))
         return -1;
     CV_INFO("Load Datastore %s", dsuuid);
 
@@ -105,30 +94,27 @@ int DatastoreLoad(const char* dsuuid, DatastoreEntry* dse) {
 }
 
 int DatastoreUpdate_UnrefNode(const char* dsuuid, const char* nodeuuid) {
-    if (datastore_uuid_refused(__func__, dsuuid, std::strlen(dsuuid)))
+    if (uuid_refused(__func__, "Datastore", dsuuid, std::strlen(dsuuid)))
         return -1;
     CV_INFO("Update Datastore %s unref Node %s", dsuuid, nodeuuid);
 
     // The record and its "members" are prefixes of the link's path: once
-    // the link fits, they do.
+    // the link fits, they do, and nothing is touched when it does not.
     const char* root = cfg_work_directory.c_str();
-    char link[kStorePathMax + 1];
-    int n = std::snprintf(link, sizeof link, "%s/Datastore/%s/members/%s", root, dsuuid, nodeuuid);
-    if (n < 0 || static_cast<size_t>(n) > kStorePathMax)
+    StorePath link, members, record;
+    if (!store_path(link, "%s/Datastore/%s/members/%s", root, dsuuid, nodeuuid) ||
+        !store_path(members, "%s/Datastore/%s/members", root, dsuuid) ||
+        !store_path(record, "%s/Datastore/%s", root, dsuuid))
         return -1;
     if (::unlink(link) < 0 && errno != ENOENT) {
         CV_ERROR("unlink(%s): %s", link, std::strerror(errno));
         return -1;
     }
 
-    char members[kStorePathMax + 1];
-    std::snprintf(members, sizeof members, "%s/Datastore/%s/members", root, dsuuid);
     int left = RemoveEmptyDir(__func__, members);
     if (left != 0)
         return left > 0 ? 0 : -1;
 
-    char record[kStorePathMax + 1];
-    std::snprintf(record, sizeof record, "%s/Datastore/%s", root, dsuuid);
     CV_INFO("Delete Datastore %s", dsuuid);
     if (rm_fr(record) != 0) {
         CV_ERROR("Could not remove %s", record);

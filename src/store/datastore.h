@@ -11,10 +11,6 @@
 
 namespace corvald {
 
-// Whether a data store uuid (bounded by width, ending at its first zero
-// byte) is refused as a directory name: empty, ".", ".." or holding "/".
-// A refused one is logged under op's name.
-bool datastore_uuid_refused(const char* op, const char* uuid, size_t width);
 // Creates the record of dse->uuid if missing, rewrites its seven attributes,
 // makes "vdisks" and "members" and adds hdr->uid as a member link.
 int DatastoreCreate(const Hdr* hdr, const DatastoreEntry* dse);

@@ -1,7 +1,7 @@
 // The local JSON file store: documents under <root>/v2/ with their metadata
 // files, the local-files index, the JSON path locks, and the expiry sweep.
 //
-// Every path here is built in a 256-byte buffer and refused when it does not
+// Every path here is built with store_path and refused when it does not
 // fit. At most one JSON path lock is held at a time, and each is released
 // before the next is taken.
 #include "store/json_store.h"
@@ -13,7 +13,6 @@
 
 #include <cassert>
 #include <cerrno>
-#include <cstdarg>
 #include <cstdio>
 #include <cstring>
 #include <string>
@@ -29,21 +28,11 @@ namespace corvald {
 
 namespace {
 
-using JsonPath = char[kStorePathMax + 1];
-constexpr size_t kJsonPathBuf = sizeof(JsonPath);  // 256
+constexpr size_t kJsonPathBuf = sizeof(StorePath);  // 256
 
 // The time passed to the sweep that is running; json_file_check ages every
 // metadata file against it.
 time_t json_timeout_now;
-
-bool build_path(JsonPath& buf, const char* fmt, ...) __attribute__((format(printf, 2, 3)));
-bool build_path(JsonPath& buf, const char* fmt, ...) {
-    va_list ap;
-    va_start(ap, fmt);
-    int n = std::vsnprintf(buf, sizeof buf, fmt, ap);
-    va_end(ap);
-    return n >= 0 && static_cast<size_t>(n) <= kStorePathMax;
-}
 
 int JsonPathToFilename(const char* src_path, char* dst_path, size_t dst_len) {
     assert(dst_len >= kJsonPathBuf);
@@ -136,8 +125,10 @@ const char* entry_fault(const jsonEntry* e) {
         return "line feed";
     // The document is path and filename joined as they come; the directory
     // is path alone ("a/." and "." join to "a/..", ".." and "x" to "..x").
+    // Both are put behind "<root>/v2/", so a leading "/" stays in the tree
+    // ("/etc/" is <root>/v2//etc/): only a ".." component leaves it.
     std::string joined = std::string(e->path) + e->filename;
-    if (joined[0] == '/' || has_dotdot(joined.c_str()) || has_dotdot(e->path))
+    if (has_dotdot(joined.c_str()) || has_dotdot(e->path))
         return "outside the JSON tree";
     // A document (or its metadata) at the index's place would let a peer
     // rewrite the list of what this host re-announces.
@@ -228,7 +219,7 @@ int mkdir_p(const char* dir, mode_t mode) {
         CV_ERROR("Failed to make directory too long path max %d", static_cast<int>(kJsonPathBuf));
         return -1;
     }
-    JsonPath path = {};
+    StorePath path = {};
     std::memcpy(path, dir, len);
     if (path[len - 1] == '/')
         path[len - 1] = '\0';
@@ -264,8 +255,8 @@ int json_store_handle_ping(jsonEntry* jsonobj, const char* json) {
     CV_DEBUG("json_store_handle_ping from node %s path %s filename %s", jsonobj->nodeuuid,
              jsonobj->path, jsonobj->filename);
     const char* root = cfg_work_directory.c_str();
-    JsonPath dir;
-    if (!build_path(dir, "%s%s/%s", root, "/v2", jsonobj->path)) {
+    StorePath dir;
+    if (!store_path(dir, "%s%s/%s", root, "/v2", jsonobj->path)) {
         CV_ERROR("too big directory path %s", jsonobj->path);
         return -1;
     }
@@ -278,8 +269,8 @@ int json_store_handle_ping(jsonEntry* jsonobj, const char* json) {
         CV_ERROR("Failed to make directory %s where are file in path", jsonobj->path);
     lock.release();
 
-    JsonPath file;
-    if (!build_path(file, "%s%s", dir, jsonobj->filename)) {
+    StorePath file;
+    if (!store_path(file, "%s%s", dir, jsonobj->filename)) {
         CV_ERROR("too big file path %s", jsonobj->filename);
         return -1;
     }
@@ -295,8 +286,8 @@ int json_store_handle_ping(jsonEntry* jsonobj, const char* json) {
         CV_ERROR("Failed to store file %s", jsonobj->filename);
         return -1;
     }
-    JsonPath mtd;
-    if (!build_path(mtd, "%s%s", file, ".mtd")) {
+    StorePath mtd;
+    if (!store_path(mtd, "%s%s", file, ".mtd")) {
         CV_ERROR("too big metadata path %s", mtd);
         return -1;
     }
@@ -326,17 +317,15 @@ int json_write_local_files(jsonEntry* jsonobj, const char* json) {
         return -1;
     }
     const char* root = cfg_work_directory.c_str();
-    JsonPath line;
-    if (!build_path(line, "%s%s/%s%s\n", root, "/v2", jsonobj->path, jsonobj->filename)) {
+    StorePath line;
+    if (!store_path(line, "%s%s/%s%s\n", root, "/v2", jsonobj->path, jsonobj->filename)) {
         CV_ERROR("too big file path %s", jsonobj->path);
         return -1;
     }
     const size_t n = std::strlen(line);
-    JsonPath index;
-    if (!build_path(index, "%s%s", root, cfg_local_files.c_str())) {
-        CV_ERROR("too long path %s for local_files", cfg_local_files.c_str());
+    StorePath index;
+    if (json_index_path(__func__, index) < 0)
         return -1;
-    }
     HeldLock lock;
     if (lock.take(JsonLockName(index)) < 0)
         return 0;  // stored, not listed
@@ -360,18 +349,15 @@ int json_delete_local_files(const jsonEntry* jsonobj) {
     if (json_entry_refused(__func__, jsonobj))
         return -1;
     const char* root = cfg_work_directory.c_str();
-    const char* local_files = cfg_local_files.c_str();
-    JsonPath file, index, tmp;
-    if (!build_path(file, "%s%s/%s%s", root, "/v2", jsonobj->path, jsonobj->filename)) {
+    StorePath file, index, tmp;
+    if (!store_path(file, "%s%s/%s%s", root, "/v2", jsonobj->path, jsonobj->filename)) {
         CV_ERROR("too big file path %s", jsonobj->path);
         return -1;
     }
-    if (!build_path(index, "%s%s", root, local_files)) {
-        CV_ERROR("too long path %s for local_files", local_files);
+    if (json_index_path(__func__, index) < 0)
         return -2;
-    }
-    if (!build_path(tmp, "%s.tmp", index)) {
-        CV_ERROR("too long path %s.tmp for tmp local_files", local_files);
+    if (!store_path(tmp, "%s.tmp", index)) {
+        CV_ERROR("too long path %s.tmp for tmp local_files", cfg_local_files.c_str());
         return -3;
     }
     // The line of a 255-byte path needs one byte more than a path.
@@ -394,8 +380,8 @@ int json_delete_local_files(const jsonEntry* jsonobj) {
         CV_WARN("failed unlink(%s): %s", file, std::strerror(errno));
         rc = -8;
     }
-    JsonPath mtd;
-    if (!build_path(mtd, "%s%s", file, ".mtd")) {
+    StorePath mtd;
+    if (!store_path(mtd, "%s%s", file, ".mtd")) {
         CV_ERROR("too big metadata path %s", mtd);
         return -9;
     }
@@ -428,8 +414,8 @@ int json_interact_metadata(const char* path, jsonEntry* jsonobj, interactMetadat
 int json_timeout_check(time_t now) {
     json_timeout_now = now;
     const char* root = cfg_work_directory.c_str();
-    JsonPath tree;
-    if (!build_path(tree, "%s%s/", root, "/v2")) {
+    StorePath tree;
+    if (!store_path(tree, "%s%s/", root, "/v2")) {
         CV_ERROR("too big DB path %s", root);
         return -1;
     }
@@ -484,6 +470,50 @@ bool json_file_in_tree(const char* filepath) {
     const std::string prefix = cfg_work_directory + "/v2/";
     return std::strncmp(filepath, prefix.c_str(), prefix.size()) == 0 && !has_dotdot(filepath) &&
            std::strchr(filepath, '\n') == nullptr;
+}
+
+int json_index_path(const char* op, StorePath& index) {
+    if (store_path(index, "%s%s", cfg_work_directory.c_str(), cfg_local_files.c_str()))
+        return 0;
+    CV_ERROR_AS(op, "too long path %s for local_files", cfg_local_files.c_str());
+    return -1;
+}
+
+void json_index_lines(const char* index, IndexLink link,
+                      const std::function<bool(char* file)>& each) {
+    UniqueFile fp(open_stream(index, link == IndexLink::kFollow ? 0 : O_NOFOLLOW, 0, "r"));
+    if (!fp)
+        return;
+    for_each_line(fp.get(), [&](char* line, size_t len) {
+        if (len > 0 && line[len - 1] == '\n')
+            line[len - 1] = '\0';
+        return each(line);
+    });
+}
+
+int json_load_metadata(const char* file, jsonEntry* jsonobj) {
+    StorePath mtd;
+    if (!store_path(mtd, "%s.mtd", file))
+        return -2;
+    return json_interact_metadata(mtd, jsonobj, LOAD);
+}
+
+ssize_t json_read_document(const char* file, char* text, size_t cap) {
+    UniqueFd fd(::open(file, O_RDONLY | O_NOFOLLOW | O_CLOEXEC));
+    if (!fd)
+        return -1;
+    size_t got = 0;
+    while (got < cap) {
+        ssize_t n = ::read(fd.get(), text + got, cap - got);
+        if (n < 0 && errno == EINTR)
+            continue;
+        if (n < 0)
+            return -1;
+        if (n == 0)
+            break;
+        got += static_cast<size_t>(n);
+    }
+    return static_cast<ssize_t>(got);
 }
 
 }  // namespace corvald

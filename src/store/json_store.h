@@ -14,8 +14,10 @@
 #include <sys/stat.h>
 
 #include <ctime>
+#include <functional>
 
 #include "net/netlib.h"
+#include "store/attr.h"
 #include "store/lock.h"
 
 namespace corvald {
@@ -50,11 +52,31 @@ int mkdir_p(const char* dir, mode_t mode);
 // its file's is taken, the index's before a document's.
 LockName JsonLockName(const char* path);
 // Whether the entry must be refused: an unterminated text, a line feed, or a
-// path/filename that leads out of the JSON tree or onto the index. A refusal
-// is logged under op's name.
+// path/filename that leads out of the JSON tree (a ".." component; a leading
+// "/" stays inside, behind "<root>/v2/") or onto the index. A refusal is
+// logged under op's name.
 bool json_entry_refused(const char* op, const jsonEntry* jsonobj);
 // Whether the full path of a document file (a line of the index) lies under
 // the JSON tree of this store with no ".." component, so that it may be read.
 bool json_file_in_tree(const char* filepath);
+
+// Builds the path of the local-files index, <work_directory><local_files>;
+// 0, or -1 after "too long path <local_files> for local_files" under op.
+int json_index_path(const char* op, StorePath& index);
+// How a reader opens the index: as the daemon writes it, a link at its place
+// followed, or refusing a link there (a reader that follows none).
+enum class IndexLink { kFollow, kRefuse };
+// Hands each line of the index at index (its line feed removed) to each, in
+// file order, until each returns false. A missing or unreadable index has no
+// lines.
+void json_index_lines(const char* index, IndexLink link,
+                      const std::function<bool(char* file)>& each);
+// Loads the metadata file of the document file (<file>.mtd) into jsonobj:
+// json_interact_metadata's result, or -2 (silently) when its path does not
+// fit.
+int json_load_metadata(const char* file, jsonEntry* jsonobj);
+// Reads at most cap bytes of the document file into text, a link at its
+// place not followed (as when the store writes it); the count, or -1.
+ssize_t json_read_document(const char* file, char* text, size_t cap);
 
 }  // namespace corvald

@@ -13,7 +13,6 @@
 #include "base/log.h"
 #include "net/netlib.h"
 #include "store/attr.h"
-#include "store/object.h"
 #include "util/io.h"
 #include "util/misc.h"
 #include "util/unique_fd.h"
@@ -25,26 +24,15 @@ namespace {
 // The first wait on a held lock; every further wait is twice the one before.
 constexpr int kFirstWaitMs = 50;
 
-// Builds <work_directory>/locks/<name> in buf (kStorePathMax + 1 bytes);
-// 0, or -1 after the "too big" message under op's name.
-int build_lock_path(const char* op, const char* name, char* buf) {
+// Builds <work_directory>/locks/<name> in buf; 0, or -1 after the "too big"
+// message under op's name.
+int build_lock_path(const char* op, const char* name, StorePath& buf) {
     const char* root = cfg_work_directory.c_str();
-    int n = std::snprintf(buf, kStorePathMax + 1, "%s%s%s", root, "/locks/", name);
-    if (n < 0 || static_cast<size_t>(n) > kStorePathMax) {
+    if (!store_path(buf, "%s%s%s", root, "/locks/", name)) {
         CV_ERROR_AS(op, "too big lock path %s%s%s", root, "/locks/", name);
         return -1;
     }
     return 0;
-}
-
-// Lock names come from uuids and node ids announced by other hosts. A name
-// that is empty, ".", ".." or holds a "/" would put the lock file somewhere
-// other than directly in "locks" (and its release would unlink there), so
-// such names are refused before any file is touched. Names made by the
-// wrappers and by the JSON store (which turns "/" into "|") never are.
-bool plain_file_name(const char* name) {
-    return name[0] != '\0' && std::strchr(name, '/') == nullptr && std::strcmp(name, ".") != 0 &&
-           std::strcmp(name, "..") != 0;
 }
 
 // Writes the pid text into the lock file just created and flushes it; 0, -3
@@ -83,9 +71,14 @@ LockName make_lock_name(int timeout_ms, const char* fmt, ...) {
 }  // namespace
 
 int PathLock(const char* path, int timeout_ms) {
-    char lockpath[kStorePathMax + 1];
+    StorePath lockpath;
     if (build_lock_path(__func__, path, lockpath) < 0) return -4;
-    if (!plain_file_name(path)) {
+    // Lock names come from uuids and node ids announced by other hosts. One
+    // that uuid_is_safe refuses would put the lock file somewhere other than
+    // directly in "locks" (and its release would unlink there). Names made
+    // by the name builders and by the JSON store (which turns "/" into "|")
+    // never are.
+    if (!uuid_is_safe(path, std::strlen(path))) {
         CV_ERROR("Bad lock name %s", path);
         return -2;
     }
@@ -121,9 +114,9 @@ int PathLock(const char* path, int timeout_ms) {
 }
 
 void PathUnlock(const char* path) {
-    char lockpath[kStorePathMax + 1];
+    StorePath lockpath;
     if (build_lock_path(__func__, path, lockpath) < 0) return;
-    if (!plain_file_name(path)) {
+    if (!uuid_is_safe(path, std::strlen(path))) {
         CV_ERROR("Bad lock name %s", path);
         return;
     }
@@ -151,38 +144,10 @@ LockName VDiskLockName(const char* vdiskuuid) {
     return make_lock_name(cfg_vdisk_lock_timeout_ms, "VDISK-%s", vdiskuuid);
 }
 
-int LockTake(const LockName& ln) { return ln.fits ? PathLock(ln.text, ln.timeout_ms) : -1; }
-
-void LockRelease(const LockName& ln) {
-    if (ln.fits) PathUnlock(ln.text);
-}
-
-int NodeLock(unsigned int nodeid) { return LockTake(NodeLockName(nodeid)); }
-void NodeUnlock(unsigned int nodeid) { LockRelease(NodeLockName(nodeid)); }
-int NodeLockStr(const char* nodeuuid) { return LockTake(NodeLockNameStr(nodeuuid)); }
-void NodeUnlockStr(const char* nodeuuid) { LockRelease(NodeLockNameStr(nodeuuid)); }
-int DatastoreLock(const DatastoreEntry* dse) { return LockTake(DatastoreLockName(dse->uuid)); }
-void DatastoreUnlock(const DatastoreEntry* dse) { LockRelease(DatastoreLockName(dse->uuid)); }
-int DatastoreLockStr(const char* dsuuid) { return LockTake(DatastoreLockNameStr(dsuuid)); }
-void DatastoreUnlockStr(const char* dsuuid) { LockRelease(DatastoreLockNameStr(dsuuid)); }
-int VDiskLock(const VDisk* vdisk) { return LockTake(VDiskLockName(vdisk->vdiskuuid)); }
-void VDiskUnlock(const VDisk* vdisk) { LockRelease(VDiskLockName(vdisk->vdiskuuid)); }
-
-// A snapshot's parent is locked under the parent's own VDisk name, so that
-// the parent's record and its snapshot links are guarded by one lock.
-int ParentLock(const VDisk* vdisk) {
-    assert(vdisk->vde.snapshot != 0);
-    return LockTake(VDiskLockName(vdisk->parentuuid));
-}
-void ParentUnlock(const VDisk* vdisk) {
-    assert(vdisk->vde.snapshot != 0);
-    LockRelease(VDiskLockName(vdisk->parentuuid));
-}
-
 int HeldLock::take(const LockName& ln) {
     // One owner, one lock: a second take would lose the first name.
     assert(!held_);
-    int rc = LockTake(ln);
+    int rc = ln.fits ? PathLock(ln.text, ln.timeout_ms) : -1;
     if (rc == 0) {
         name_ = ln;
         held_ = true;
@@ -193,7 +158,7 @@ int HeldLock::take(const LockName& ln) {
 void HeldLock::release() {
     if (!held_) return;
     held_ = false;
-    LockRelease(name_);
+    PathUnlock(name_.text);
 }
 
 }  // namespace corvald

@@ -11,10 +11,7 @@
 
 namespace corvald {
 
-struct DatastoreEntry;
-struct VDisk;
-
-// Longest lock name a wrapper builds.
+// Longest lock name the name builders make.
 constexpr size_t kLockNameMax = 255;
 
 // Takes the lock file <work_directory>/locks/<path> (path is the lock name,
@@ -36,32 +33,12 @@ struct LockName {
     bool fits;
 };
 
-// The names of the wrappers, each with its kind's configured timeout.
+// The lock names of the records, each with its kind's configured timeout.
 LockName NodeLockName(unsigned int nodeid);          // "NODE-%u"
 LockName NodeLockNameStr(const char* nodeuuid);      // "NODE-%s"
 LockName DatastoreLockName(const char* uuid14);      // "DS-%.*s" of a 14-byte field
 LockName DatastoreLockNameStr(const char* dsuuid);   // "DS-%s"
 LockName VDiskLockName(const char* vdiskuuid);       // "VDISK-%s", also for a parent
-
-// PathLock of ln; -1 without a message when the name did not fit.
-int LockTake(const LockName& ln);
-// PathUnlock of ln; nothing when the name did not fit.
-void LockRelease(const LockName& ln);
-
-// The wrappers: what PathLock returns (or -1 for a name that does not fit);
-// their twins release by the same name.
-int NodeLock(unsigned int nodeid);
-void NodeUnlock(unsigned int nodeid);
-int NodeLockStr(const char* nodeuuid);
-void NodeUnlockStr(const char* nodeuuid);
-int DatastoreLock(const DatastoreEntry* dse);      // by its 14-byte uuid field
-void DatastoreUnlock(const DatastoreEntry* dse);
-int DatastoreLockStr(const char* dsuuid);
-void DatastoreUnlockStr(const char* dsuuid);
-int VDiskLock(const VDisk* vdisk);                 // by its vdiskuuid
-void VDiskUnlock(const VDisk* vdisk);
-int ParentLock(const VDisk* vdisk);                // a snapshot's parentuuid
-void ParentUnlock(const VDisk* vdisk);
 
 // Owns one held lock and releases it, by its name, when it goes away, so an
 // early return cannot leave a lock behind. It only ever releases what it
@@ -74,13 +51,11 @@ public:
     HeldLock(const HeldLock&) = delete;
     HeldLock& operator=(const HeldLock&) = delete;
 
-    // LockTake(ln); on 0 the lock is held by this owner. The owner must not
-    // hold a lock already.
+    // PathLock of ln (-1 without a message when the name did not fit); on 0
+    // the lock is held by this owner. The owner must not hold a lock already.
     int take(const LockName& ln);
     // Releases the lock if this owner holds one.
     void release();
-    bool held() const { return held_; }
-    const char* name() const { return name_.text; }
 
 private:
     LockName name_ = {};

@@ -9,11 +9,13 @@
 #include <cassert>
 #include <cerrno>
 #include <cstdio>
+#include <cstdlib>
 #include <cstring>
 #include <ctime>
 #include <memory>
 
 #include "base/config.h"
+#include "base/list_file.h"
 #include "base/log.h"
 #include "store/attr.h"
 
@@ -98,6 +100,21 @@ int open_existing_node(RecordDir* dir, uint32_t uid) {
     }
 }
 
+constexpr const char* kLoadLocalNodes = "load_local_nodes";
+
+int add_local_node(const char* path, const char* line, NodeList* list) {
+    uint32_t nodeid = static_cast<uint32_t>(std::strtoul(line, nullptr, 10));
+    if (nodeid == 0) {
+        CV_ERROR_AS(kLoadLocalNodes, "Malformed file %s", path);
+        return -1;
+    }
+    auto node = std::make_unique<Node>();
+    NodeInit(node.get(), nodeid);
+    CV_DEBUG_AS(kLoadLocalNodes, "LOCAL_NODE: %u (%s)", nodeid, line);
+    list->push_back(std::move(node));
+    return 0;
+}
+
 struct DirCloser {
     void operator()(DIR* d) const { ::closedir(d); }
 };
@@ -113,11 +130,8 @@ int NodeCreate(const Hdr* hdr, const char* ipaddr) {
     const char* root = cfg_work_directory.c_str();
     if (dir.set_path("%s/Node/%u", root, hdr->uid) < 0)
         return -1;
-    // A prefix of the record path, so it fits as well.
-    char top[kStorePathMax + 1];
-    std::snprintf(top, sizeof top, "%s/Node", root);
     // From here on every way out flushes the directory once.
-    if (dir.create(top) < 0 || dir.mkdir("vdisks") < 0)
+    if (dir.create() < 0 || dir.mkdir("vdisks") < 0)
         return -1;
 
     if (dir.store("version", "v%u.%u", unsigned{hdr->major}, unsigned{hdr->minor}) < 0 ||
@@ -182,10 +196,8 @@ int NodeUpdate_RefDatastore(const Hdr* hdr, const DatastoreEntry* dse) {
 int NodeUpdate_UnrefDatastore(const Hdr* hdr) {
     assert(hdr->type == msg::DS_PING);
     CV_INFO("Update Node %u remove datastoremember", hdr->uid);
-    char path[kStorePathMax + 1];
-    int n = std::snprintf(path, sizeof path, "%s/Node/%u/datastoremember",
-                          cfg_work_directory.c_str(), hdr->uid);
-    if (n < 0 || static_cast<size_t>(n) > kStorePathMax)
+    StorePath path;
+    if (!store_path(path, "%s/Node/%u/datastoremember", cfg_work_directory.c_str(), hdr->uid))
         return -1;
     TraceUnlink(__func__, path);
     if (::unlink(path) < 0 && errno != ENOENT) {
@@ -281,10 +293,8 @@ int NodeLoad_DSMember(const char* nodeuuid, char* dsuuid, size_t ds_len) {
 
 int NodeLoad_VDisks(unsigned int nodeid, VDiskTree* vdtp) {
     assert(vdtp->empty());
-    char dirpath[kStorePathMax + 1];
-    int n = std::snprintf(dirpath, sizeof dirpath, "%s/Node/%u/vdisks", cfg_work_directory.c_str(),
-                          nodeid);
-    if (n < 0 || static_cast<size_t>(n) > kStorePathMax)
+    StorePath dirpath;
+    if (!store_path(dirpath, "%s/Node/%u/vdisks", cfg_work_directory.c_str(), nodeid))
         return -1;
     UniqueDir dir(::opendir(dirpath));
     if (!dir) {
@@ -303,9 +313,8 @@ int NodeLoad_VDisks(unsigned int nodeid, VDiskTree* vdtp) {
             VDiskTreeFlush(vdtp);
             return -1;
         }
-        char path[kStorePathMax + 1];
-        n = std::snprintf(path, sizeof path, "%s/%s", dirpath, ent->d_name);
-        if (n < 0 || static_cast<size_t>(n) > kStorePathMax) {
+        StorePath path;
+        if (!store_path(path, "%s/%s", dirpath, ent->d_name)) {
             // What was read so far is still a usable (partial) view.
             CV_ERROR("Path %s/%s too long!!!", dirpath, ent->d_name);
             return 0;
@@ -333,6 +342,16 @@ int NodeLoad_VDisks(unsigned int nodeid, VDiskTree* vdtp) {
             CV_INFO("Load Node %u attach VDisk %s", nodeid, ent->d_name);
         }
     }
+}
+
+int read_local_nodes(const char* path, NodeList* nodes) {
+    assert(nodes->empty());
+    int rc = read_list_file(kLoadLocalNodes, path, nodes, [path](const char* line, NodeList* list) {
+        return add_local_node(path, line, list);
+    });
+    if (rc < 0)
+        nodes->clear();
+    return rc;
 }
 
 }  // namespace corvald

@@ -40,4 +40,11 @@ int NodeLoad_DSMember(const char* nodeuuid, char* dsuuid, size_t ds_len);
 // node's "vdisks" directory. On -1 the tree is left empty.
 int NodeLoad_VDisks(unsigned int nodeid, VDiskTree* vdtp);
 
+// Reads the local-nodes file at path into the empty list nodes, one Node per
+// line in file order: a decimal node id read like strtoul (leading blanks,
+// ends at the first non-digit), of which the low 32 bits are used and must
+// not be 0. The lines carry load_local_nodes, the operation that installs
+// the list. 0, or negative after a failure, which leaves the list empty.
+int read_local_nodes(const char* path, NodeList* nodes);
+
 }  // namespace corvald

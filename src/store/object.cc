@@ -61,10 +61,6 @@ int VDiskInit(VDisk* vdisk, const VDiskEntry* vde) {
     return 0;
 }
 
-int VDiskCompare(const VDisk* vda, const VDisk* vdb) {
-    return std::strcmp(vda->vdiskuuid, vdb->vdiskuuid);
-}
-
 int VDiskRead(DatagramReader* rd, std::unique_ptr<VDisk>* vdiskp) {
     VDiskEntry vde;
     if (!rd->read(&vde)) {
@@ -137,40 +133,6 @@ VDisk* VDiskTree_RB_INSERT(VDiskTree* head, std::unique_ptr<VDisk>* elm) {
 VDisk* VDiskTree_RB_FIND(VDiskTree* head, std::string_view uuid) {
     auto it = head->find(uuid);
     return it == head->end() ? nullptr : it->second.get();
-}
-
-VDisk* VDiskTree_RB_FIND(VDiskTree* head, const VDisk* elm) {
-    return VDiskTree_RB_FIND(head, std::string_view(elm->vdiskuuid));
-}
-
-VDisk* VDiskTree_RB_NFIND(VDiskTree* head, const VDisk* elm) {
-    auto it = head->lower_bound(std::string_view(elm->vdiskuuid));
-    return it == head->end() ? nullptr : it->second.get();
-}
-
-VDisk* VDiskTree_RB_MINMAX(VDiskTree* head, int val) {
-    if (head->empty()) return nullptr;
-    return val < 0 ? head->begin()->second.get() : head->rbegin()->second.get();
-}
-
-VDisk* VDiskTree_RB_NEXT(VDiskTree* head, const VDisk* elm) {
-    auto it = head->upper_bound(std::string_view(elm->vdiskuuid));
-    return it == head->end() ? nullptr : it->second.get();
-}
-
-VDisk* VDiskTree_RB_PREV(VDiskTree* head, const VDisk* elm) {
-    auto it = head->lower_bound(std::string_view(elm->vdiskuuid));
-    if (it == head->begin()) return nullptr;
-    return std::prev(it)->second.get();
-}
-
-std::unique_ptr<VDisk> VDiskTree_RB_REMOVE(VDiskTree* head, const VDisk* elm) {
-    auto it = head->find(std::string_view(elm->vdiskuuid));
-    // Only the very object leaves the tree, not another with the same key.
-    if (it == head->end() || it->second.get() != elm) return nullptr;
-    std::unique_ptr<VDisk> out = std::move(it->second);
-    head->erase(it);
-    return out;
 }
 
 void VDiskTreeFlush(VDiskTree* head) { head->clear(); }

@@ -80,8 +80,6 @@ Member* MemberLookup(MemberList* mblp, unsigned int nodeid);
 // parentuuid from the entry. 0; -1 when either text is refused by
 // vde_check_uuids (logged there), which leaves both texts empty.
 int VDiskInit(VDisk* vdisk, const VDiskEntry* vde);
-// strcmp of the two vdiskuuid texts.
-int VDiskCompare(const VDisk* vda, const VDisk* vdb);
 
 // Reads one VDisk block at the reader's cursor (the caller has checked that
 // a whole VDiskEntry remains), tracing each record as it is read. Results:
@@ -99,19 +97,8 @@ int VDiskRead(DatagramReader* rd, std::unique_ptr<VDisk>* vdiskp);
 // that one and leaves *elm with the caller; else the tree takes *elm (which
 // becomes empty) and nullptr is returned.
 VDisk* VDiskTree_RB_INSERT(VDiskTree* head, std::unique_ptr<VDisk>* elm);
-// The VDisk with elm's uuid (only its vdiskuuid is read), or nullptr.
-VDisk* VDiskTree_RB_FIND(VDiskTree* head, const VDisk* elm);
+// The VDisk with this uuid, or nullptr.
 VDisk* VDiskTree_RB_FIND(VDiskTree* head, std::string_view uuid);
-// The VDisk with the smallest uuid not below elm's, or nullptr.
-VDisk* VDiskTree_RB_NFIND(VDiskTree* head, const VDisk* elm);
-// The smallest (val < 0) or largest VDisk; nullptr for an empty tree.
-VDisk* VDiskTree_RB_MINMAX(VDiskTree* head, int val);
-// The VDisk after / before elm (which must be in the tree), or nullptr.
-VDisk* VDiskTree_RB_NEXT(VDiskTree* head, const VDisk* elm);
-VDisk* VDiskTree_RB_PREV(VDiskTree* head, const VDisk* elm);
-// Takes elm out of the tree and hands it back to the caller (empty when
-// elm is not in the tree).
-std::unique_ptr<VDisk> VDiskTree_RB_REMOVE(VDiskTree* head, const VDisk* elm);
 // Frees every VDisk of the tree; the tree stays usable.
 void VDiskTreeFlush(VDiskTree* head);
 

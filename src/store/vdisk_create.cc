@@ -55,11 +55,8 @@ bool fits(int n, size_t max) {
 // that locks and links use and as the field that goes into "parent", which
 // the loader refuses to read back when it is no plain name.
 bool uuids_refused(const char* op, const VDisk* vdisk) {
-    if (!uuid_is_safe(vdisk->vdiskuuid, sizeof vdisk->vdiskuuid)) {
-        CV_ERROR_AS(op, "Refused VDisk uuid \"%.*s\"", int{sizeof vdisk->vdiskuuid},
-                    vdisk->vdiskuuid);
+    if (uuid_refused(op, "VDisk", vdisk->vdiskuuid, sizeof vdisk->vdiskuuid))
         return true;
-    }
     const char* parent = vdisk->vde.description.snap.parent;
     if (vdisk->vde.snapshot != 0 &&
         (!uuid_is_safe(vdisk->parentuuid, sizeof vdisk->parentuuid) ||
@@ -448,18 +445,16 @@ int VDiskCreate(const Hdr* hdr, VDisk* vdisk) {
     // The member record's path is the longest one built here; when it fits,
     // so do its prefixes, and nothing is touched when it does not.
     const char* root = cfg_work_directory.c_str();
-    char path[kStorePathMax + 1];
-    int n = std::snprintf(path, sizeof path, "%s/VDisk/%s/memberinfo/%s", root, vdisk->vdiskuuid,
-                          nodeuuid);
-    if (!fits(n, kStorePathMax))
-        return -1;
+    StorePath member, top;
     // Declared first, closed last: "memberinfo" is closed before the record
     // is flushed and closed, on every way out.
     RecordDir rec(__func__);
     RecordDir mbtop(__func__);
-    rec.set_path("%s/VDisk/%s", root, vdisk->vdiskuuid);
-    std::snprintf(path, sizeof path, "%s/VDisk", root);
-    if (StoreMkdir(__func__, path) < 0)
+    if (!store_path(member, "%s/VDisk/%s/memberinfo/%s", root, vdisk->vdiskuuid, nodeuuid) ||
+        !store_path(top, "%s/VDisk", root) ||
+        rec.set_path("%s/VDisk/%s", root, vdisk->vdiskuuid) < 0)
+        return -1;
+    if (StoreMkdir(__func__, top) < 0)
         return -1;
 
     TraceStat(__func__, rec.path());

@@ -187,8 +187,10 @@ int VDiskLoad(const Node* node, VDisk* vdisk) {
 
 int MembershipLoad(MemberList* members, int* members_count, const char* vdiskpath, int vdiskfd) {
     assert(members->empty());
-    char shown[kStorePathMax + 1];
-    std::snprintf(shown, sizeof shown, "%s/membership", vdiskpath);
+    // Only shown in the lines: cut at 255 bytes, it is still as much of the
+    // file's path as a store path can say.
+    StorePath shown;
+    static_cast<void>(store_path(shown, "%s/membership", vdiskpath));
     UniqueChars text;
     ssize_t n = load_list(__func__, vdiskfd, "membership", shown, &text);
     if (n < 0) return -1;
@@ -219,8 +221,8 @@ int FrontendsLoad(FrontendList* frontends, int* frontends_count, const char* vdi
     assert(frontends->empty());
     // Reported as the membership file is, with the path of the member
     // record's file, so both list files report alike.
-    char shown[kStorePathMax + 1];
-    std::snprintf(shown, sizeof shown, "%s/memberinfo/%s/frontend", vdiskpath, nodeuuid);
+    StorePath shown;
+    static_cast<void>(store_path(shown, "%s/memberinfo/%s/frontend", vdiskpath, nodeuuid));
     UniqueChars text;
     ssize_t n = load_list(__func__, mbfd, "frontend", shown, &text);
     if (n < 0) return -1;

@@ -7,7 +7,6 @@
 
 #include <cassert>
 #include <cerrno>
-#include <cstdarg>
 #include <cstdio>
 #include <cstring>
 
@@ -23,33 +22,12 @@ namespace corvald {
 
 namespace {
 
-using StorePath = char[kStorePathMax + 1];
-
-// Formats a store path into buf; false, without a message, when it does not
-// fit (the step that wanted it fails).
-bool build_path(StorePath& buf, const char* fmt, ...) __attribute__((format(printf, 2, 3)));
-bool build_path(StorePath& buf, const char* fmt, ...) {
-    va_list ap;
-    va_start(ap, fmt);
-    int n = std::vsnprintf(buf, sizeof buf, fmt, ap);
-    va_end(ap);
-    return n >= 0 && static_cast<size_t>(n) <= kStorePathMax;
-}
-
 // These operations remove recursively, and every uuid here becomes a path
 // component: an empty one addresses the directory above it, "." and ".."
 // address the record itself or lead out of it, and a "/" leads anywhere.
 // The receive path refuses such uuids before it calls in, but the texts
 // also come from the store, which other programs write, so each operation
 // refuses them again before it builds a single path.
-bool uuid_refused(const char* op, const char* kind, const char* uuid, size_t width) {
-    if (uuid_is_safe(uuid, width))
-        return false;
-    CV_ERROR_AS(op, "Refused %s uuid \"%.*s\"", kind, static_cast<int>(::strnlen(uuid, width)),
-                uuid);
-    return true;
-}
-
 bool vdisk_refused(const char* op, const VDisk* vdisk) {
     return uuid_refused(op, "VDisk", vdisk->vdiskuuid, sizeof vdisk->vdiskuuid);
 }
@@ -75,7 +53,7 @@ int NodeUpdate_UnrefVDisk(const char* nodeuuid, const char* vdiskuuid) {
     if (node.take(NodeLockNameStr(nodeuuid)) < 0)
         return -1;
     StorePath link;
-    if (!build_path(link, "%s/Node/%s/vdisks/%s", cfg_work_directory.c_str(), nodeuuid, vdiskuuid))
+    if (!store_path(link, "%s/Node/%s/vdisks/%s", cfg_work_directory.c_str(), nodeuuid, vdiskuuid))
         return -1;
     struct stat st;
     if (::lstat(link, &st) < 0) {
@@ -97,7 +75,7 @@ int NodeUpdate_UnrefVDisk(const char* nodeuuid, const char* vdiskuuid) {
 int DatastoreUpdate_UnrefVDisk(const char* vdiskuuid) {
     const char* root = cfg_work_directory.c_str();
     StorePath link;
-    if (!build_path(link, "%s/VDisk/%s/datastore", root, vdiskuuid))
+    if (!store_path(link, "%s/VDisk/%s/datastore", root, vdiskuuid))
         return -1;
     char target[64] = {};
     if (::readlink(link, target, sizeof target - 1) < 0) {
@@ -116,7 +94,7 @@ int DatastoreUpdate_UnrefVDisk(const char* vdiskuuid) {
         return -1;
     }
     StorePath dslink;
-    if (!build_path(dslink, "%s/Datastore/%s/vdisks/%s", root, dsuuid, vdiskuuid))
+    if (!store_path(dslink, "%s/Datastore/%s/vdisks/%s", root, dsuuid, vdiskuuid))
         return -1;
     HeldLock ds;
     if (ds.take(DatastoreLockNameStr(dsuuid)) < 0)
@@ -134,7 +112,7 @@ int MemberinfoDelete(const VDisk* vdisk, const char* nodeuuid) {
     }
     CV_INFO("Update VDisk %s delete Member %s", vdisk->vdiskuuid, nodeuuid);
     StorePath member;
-    if (!build_path(member, "%s/VDisk/%s/memberinfo/%s", cfg_work_directory.c_str(),
+    if (!store_path(member, "%s/VDisk/%s/memberinfo/%s", cfg_work_directory.c_str(),
                     vdisk->vdiskuuid, nodeuuid)) {
         return -1;
     }
@@ -160,7 +138,7 @@ int VDiskGone(const Hdr* hdr, const VDisk* vdisk) {
     // A member record that is still there keeps the whole record.
     const char* root = cfg_work_directory.c_str();
     StorePath members;
-    if (!build_path(members, "%s/VDisk/%s/memberinfo", root, vdisk->vdiskuuid))
+    if (!store_path(members, "%s/VDisk/%s/memberinfo", root, vdisk->vdiskuuid))
         return -1;
     int left = RemoveEmptyDir(__func__, members);
     if (left != 0)
@@ -180,7 +158,7 @@ int VDiskGone(const Hdr* hdr, const VDisk* vdisk) {
         return -1;
 
     StorePath record;
-    if (!build_path(record, "%s/VDisk/%s", root, vdisk->vdiskuuid))
+    if (!store_path(record, "%s/VDisk/%s", root, vdisk->vdiskuuid))
         return -1;
     CV_INFO("Delete VDisk %s", vdisk->vdiskuuid);
     int rc = rm_fr(record);
@@ -196,7 +174,7 @@ int ParentUpdate_UnrefSnapshot(const VDisk* vdisk) {
     if (vdisk_refused(__func__, vdisk) || parent_refused(__func__, vdisk))
         return -1;
     StorePath link;
-    if (!build_path(link, "%s/VDisk/%s/snapshots/%s", cfg_work_directory.c_str(), vdisk->parentuuid,
+    if (!store_path(link, "%s/VDisk/%s/snapshots/%s", cfg_work_directory.c_str(), vdisk->parentuuid,
                     vdisk->vdiskuuid)) {
         return -1;
     }

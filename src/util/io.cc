@@ -51,38 +51,6 @@ ssize_t buf_rx(int fd, char* buf, size_t len, int nointr) {
     }
 }
 
-ssize_t iov_tx(int fd, struct iovec* iov, int iovcnt, int nointr) {
-    assert(iovcnt >= 1);
-    size_t len = 0;
-    for (int i = 0; i < iovcnt; ++i) len += iov[i].iov_len;
-
-    size_t done = 0;
-    for (;;) {
-        ssize_t n = ::writev(fd, iov, iovcnt);
-        if (n < 0) {
-            if (errno == EINTR && nointr > 0) continue;
-            CV_ERROR("writev(%zu/%d): %s", len - done, iovcnt, std::strerror(errno));
-            return -1;
-        }
-        done += static_cast<size_t>(n);
-        assert(done <= len);
-        if (done == len) return static_cast<ssize_t>(done);
-
-        CV_NOTICE("PARTIAL writev(): %zd/%zu", n, len - (done - static_cast<size_t>(n)));
-        // Drop the entries written whole (one ending exactly at n too) and
-        // shorten the first one left by what of it went out.
-        size_t left = static_cast<size_t>(n);
-        while (iovcnt > 0 && iov->iov_len <= left) {
-            left -= iov->iov_len;
-            ++iov;
-            --iovcnt;
-        }
-        assert(iovcnt > 0);
-        iov->iov_base = static_cast<char*>(iov->iov_base) + left;
-        iov->iov_len -= left;
-    }
-}
-
 int fd_open(const char* path, int flags, int mode) {
     for (;;) {
         int fd = ::open(path, flags, mode);
@@ -116,18 +84,6 @@ int fd_close(int fd) {
             return -1;
         }
         CV_WARN("close(%d): %s", fd, std::strerror(errno));
-    }
-}
-
-int fd_truncate(int fd, uint64_t length) {
-    auto ll = static_cast<unsigned long long>(length);
-    for (;;) {
-        if (::ftruncate(fd, static_cast<off_t>(length)) == 0) return 0;
-        if (errno != EINTR) {
-            CV_ERROR("ftruncate(%d, %llu): %s", fd, ll, std::strerror(errno));
-            return -1;
-        }
-        CV_WARN("ftruncate(%d, %llu): %s", fd, ll, std::strerror(errno));
     }
 }
 
@@ -170,65 +126,6 @@ int fd_blocking(int fd, int blocking) {
     if (::fcntl(fd, F_SETFL, flags) < 0) {
         CV_ERROR("fcntl(F_SETFL): %s", std::strerror(errno));
         return -2;
-    }
-    return 0;
-}
-
-int tcp_keepalive(int so, int idle, int interval, int count) {
-    int one = 1;
-    if (::setsockopt(so, SOL_SOCKET, SO_KEEPALIVE, &one, sizeof(one)) < 0) {
-        CV_ERROR("setsockopt(SO_KEEPALIVE): %s", std::strerror(errno));
-        return -1;
-    }
-    if (::setsockopt(so, IPPROTO_TCP, TCP_KEEPIDLE, &idle, sizeof(idle)) < 0) {
-        CV_ERROR("setsockopt(TCP_KEEPIDLE): %s", std::strerror(errno));
-        return -2;
-    }
-    if (::setsockopt(so, IPPROTO_TCP, TCP_KEEPINTVL, &interval, sizeof(interval)) < 0) {
-        CV_ERROR("setsockopt(TCP_KEEPINTVL): %s", std::strerror(errno));
-        return -3;
-    }
-    if (::setsockopt(so, IPPROTO_TCP, TCP_KEEPCNT, &count, sizeof(count)) < 0) {
-        CV_ERROR("setsockopt(TCP_KEEPCNT): %s", std::strerror(errno));
-        return -4;
-    }
-    return 0;
-}
-
-int so_linger(int so, int onoff, int linger) {
-    struct linger l = {onoff, linger};
-    if (::setsockopt(so, SOL_SOCKET, SO_LINGER, &l, sizeof(l)) < 0) {
-        CV_ERROR("setsockopt(SO_LINGER, %d, %d): %s", onoff, linger, std::strerror(errno));
-        return -1;
-    }
-    return 0;
-}
-
-int so_timeo(int so, int tx, int timeout) {
-    struct timeval tv = {timeout, 0};
-    if (::setsockopt(so, SOL_SOCKET, tx > 0 ? SO_SNDTIMEO : SO_RCVTIMEO, &tv, sizeof(tv)) < 0) {
-        CV_ERROR("setsockopt(SO_%sTIMEO, %d): %s", tx > 0 ? "SND" : "RCV", timeout,
-                  std::strerror(errno));
-        return -1;
-    }
-    return 0;
-}
-
-int so_lowat(int so, int tx, int bytes) {
-    if (::setsockopt(so, SOL_SOCKET, tx > 0 ? SO_SNDLOWAT : SO_RCVLOWAT, &bytes, sizeof(bytes)) < 0) {
-        CV_ERROR("setsockopt(SO_%sLOWAT, %d): %s", tx > 0 ? "SND" : "RCV", bytes,
-                  std::strerror(errno));
-        return -1;
-    }
-    return 0;
-}
-
-int so_buf(int so, int tx, int kb) {
-    int bytes = kb * 1024;
-    if (::setsockopt(so, SOL_SOCKET, tx > 0 ? SO_SNDBUF : SO_RCVBUF, &bytes, sizeof(bytes)) < 0) {
-        CV_ERROR("setsockopt(SO_%sBUF, %d): %s", tx > 0 ? "SND" : "RCV", bytes,
-                  std::strerror(errno));
-        return -1;
     }
     return 0;
 }

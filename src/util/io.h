@@ -4,10 +4,8 @@
 #pragma once
 
 #include <sys/types.h>
-#include <sys/uio.h>
 
 #include <cstddef>
-#include <cstdint>
 
 namespace corvald {
 
@@ -15,28 +13,17 @@ namespace corvald {
 ssize_t buf_tx(int fd, const char* buf, size_t len, int nointr);
 // Reads exactly len bytes; returns len, 0 at an early end of file, or -1.
 ssize_t buf_rx(int fd, char* buf, size_t len, int nointr);
-// Writes every entry (iovcnt >= 1, the vector is consumed); returns the
-// total or -1.
-ssize_t iov_tx(int fd, struct iovec* iov, int iovcnt, int nointr);
 
-// open/openat/close/ftruncate/accept, each retrying EINTR with a warning.
+// open/openat/close/accept, each retrying EINTR with a warning.
 int fd_open(const char* path, int flags, int mode);
 int fd_openat(int dirfd, const char* path, int flags, int mode);
 int fd_close(int fd);
-int fd_truncate(int fd, uint64_t length);
 // Returns the accepted socket (TCP_NODELAY set) with the peer's dotted
 // address in inet_addr[16] and its port in *inet_port, or -1.
 int tcp_accept(int so, char* inet_addr, int* inet_port);
 
 // blocking > 0 clears O_NONBLOCK, else sets it; 0, -1 (F_GETFL), -2 (F_SETFL).
 int fd_blocking(int fd, int blocking);
-// 0, or -1..-4 for the first failing of SO_KEEPALIVE, TCP_KEEPIDLE,
-// TCP_KEEPINTVL, TCP_KEEPCNT.
-int tcp_keepalive(int so, int idle, int interval, int count);
-int so_linger(int so, int onoff, int linger);   // 0 or -1
-int so_timeo(int so, int tx, int timeout);      // SO_SND/RCVTIMEO in seconds; 0 or -1
-int so_lowat(int so, int tx, int bytes);        // SO_SND/RCVLOWAT; 0 or -1
-int so_buf(int so, int tx, int kb);             // SO_SND/RCVBUF of kb KiB; 0 or -1
 
 // A listening IPv4 TCP socket on addr:port (backlog <= 0 means 128), or -1.
 int tcp_listen(const char* addr, int port, int backlog);

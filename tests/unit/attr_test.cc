@@ -1,11 +1,12 @@
 // What the record tests (node, datastore, VDisk load) leave open: the reader
 // limits and their messages, the rewrite in place, the one flush per batch,
-// the load trace forms, the mkdir failures and the path limit.
+// the load-failure report, the mkdir failures and the path limit.
 #include "store/attr.h"
 
 #include <fcntl.h>
 #include <gtest/gtest.h>
 #include <sys/stat.h>
+#include <syslog.h>
 #include <unistd.h>
 
 #include <cerrno>
@@ -16,6 +17,7 @@
 #include "support/log_capture.h"
 #include "support/syscall_hooks.h"
 #include "support/temp_dir.h"
+#include "util/unique_fd.h"
 
 namespace corvald {
 namespace {
@@ -28,16 +30,14 @@ class AttrTest : public ::testing::Test {
     void SetUp() override {
         ASSERT_EQ(::mkdir((tmp_ / "Node").c_str(), 0755), 0);
         ASSERT_EQ(::mkdir(record_.c_str(), 0755), 0);
-        dirfd_ = ::open(record_.c_str(), O_RDONLY | O_DIRECTORY);
-        ASSERT_GE(dirfd_, 0);
+        ASSERT_EQ(dir_.set_path("%s/Node/%u", tmp_.path().c_str(), 12u), 0);
+        ASSERT_EQ(dir_.open(), 0);
     }
-    void TearDown() override { ::close(dirfd_); }
 
     test::TempDir tmp_;
-    const std::string& root_ = tmp_.path();
-    const std::string record_ = root_ + "/Node/12";
-    int dirfd_ = -1;
+    const std::string record_ = tmp_ / "Node/12";
     test::LogCapture log_;
+    RecordDir dir_{"NodeCreate"};
 };
 
 TEST_F(AttrTest, ReadersTakeOneValueAndOneLineFeed) {
@@ -64,9 +64,9 @@ TEST_F(AttrTest, ReadersTakeOneValueAndOneLineFeed) {
         char field[15];
         std::memset(field, '#', sizeof(field));
         unsigned int v = 7;
-        EXPECT_EQ(StringLoad(dirfd_, c.key, field, 14), c.str_rc) << c.key;
+        EXPECT_EQ(StringLoad(dir_.fd(), c.key, field, 14), c.str_rc) << c.key;
         EXPECT_EQ(std::string(field, sizeof(field)), c.field) << c.key;
-        EXPECT_EQ(AttrLoad(dirfd_, c.key, "%u", &v), c.attr_rc) << c.key;
+        EXPECT_EQ(AttrLoad(dir_.fd(), c.key, "%u", &v), c.attr_rc) << c.key;
         EXPECT_EQ(v, c.value) << c.key;
     }
     EXPECT_EQ(
@@ -77,89 +77,83 @@ TEST_F(AttrTest, ReadersTakeOneValueAndOneLineFeed) {
                "error: StringLoad(): String too long in n255: " + std::string(252, '0') + "42",
                "error: StringLoad(): Oversized file n256",
                "error: AttrLoad(): Oversized file n256"}));
+
+    // Loads convert whole values or report the key; a 64-bit one keeps its bits.
+    log_.clear();
+    tmp_.write("Node/12/sectors", "1099511627776\n");
+    tmp_.write("Node/12/stripes", "two\n");
+    uint32_t u = 0;
+    unsigned long long ull = 0;
+    EXPECT_EQ(dir_.load_u64("sectors", &ull), 0);
+    EXPECT_EQ(ull, 1099511627776ull);
+    EXPECT_EQ(dir_.load_u32("stripes", &u), -1);
+    EXPECT_EQ(log_.lines_containing("error:"),
+              Lines{"error: NodeCreate(): Failed to load " + record_ + "/stripes: 0"});
 }
 
 // Files are created 0666 less the umask and truncated on rewrite; a batch
 // is flushed once when its directory closes, even after a failed write.
 TEST_F(AttrTest, WritesRewriteInPlaceAndABatchIsFlushedOnce) {
     mode_t old_mask = ::umask(022);
-    EXPECT_EQ(AttrStore(dirfd_, "freespace", "%u\n", 123456u), 7);
+    EXPECT_EQ(AttrStore(dir_.fd(), "freespace", "%u\n", 123456u), 7);
     ::umask(old_mask);
     struct stat st;
     ASSERT_EQ(::stat((record_ + "/freespace").c_str(), &st), 0);
     EXPECT_EQ(st.st_mode & 0777, 0644u);
-    EXPECT_EQ(AttrStore(dirfd_, "freespace", "%u\n", 7u), 2);
+    EXPECT_EQ(AttrStore(dir_.fd(), "freespace", "%u\n", 7u), 2);
     EXPECT_EQ(tmp_.read("Node/12/freespace"), "7\n");
 
     // An empty list file stores no buffer. (Whole lists of any length are
     // read by the VDisk load and announcement tests.)
     char sentinel = 0, *buf = &sentinel;
-    int fd = ::open(tmp_.write("frontend", "").c_str(), O_RDONLY);
-    EXPECT_EQ(FileLoad(fd, &buf), 0);
+    UniqueFd empty(::open(tmp_.write("frontend", "").c_str(), O_RDONLY));
+    EXPECT_EQ(FileLoad(empty.get(), &buf), 0);
     EXPECT_EQ(buf, &sentinel);
-    ::close(fd);
 
     ASSERT_EQ(::mkdir((record_ + "/model").c_str(), 0755), 0);  // its write fails
     test::SyscallHooks hooks;
-    RecordDir dir("NodeCreate");
-    ASSERT_EQ(dir.set_path("%s/Node/%u", root_.c_str(), 12u), 0);
-    ASSERT_EQ(dir.open(), 0);
-    fd = dir.fd();
-    dir.begin_batch();
-    EXPECT_EQ(dir.store("version", "v%u.%u", 1u, 8u), 5);
-    EXPECT_EQ(dir.store("model", "%s", "x1"), -1);
+    const int fd = dir_.fd();
+    dir_.begin_batch();
+    EXPECT_EQ(dir_.store("version", "v%u.%u", 1u, 8u), 5);
+    EXPECT_EQ(dir_.store("model", "%s", "x1"), -1);
     EXPECT_EQ(hooks.fsync_calls(), 0);
     hooks.fail_fsync(EIO);
-    dir.close();
-    dir.close();
+    dir_.close();
+    dir_.close();
     EXPECT_EQ(hooks.fsync_calls(fd), 1);
     EXPECT_EQ(hooks.fsync_calls(), 1);
     EXPECT_EQ(tmp_.read("Node/12/version"), "v1.8\n");
     // The flush failure is only a warning under the operation's name.
-    std::string p = "debug: NodeCreate(): " + record_;
-    EXPECT_EQ(log_.lines(),
-              (Lines{p + "/version=v1.8", p + "/model=x1",
-                     "error: fd_openat(): openat(model): Is a directory",
-                     "warn: NodeCreate(): fsync(" + std::to_string(fd) + "): Input/output error"}));
+    Lines reports;
+    for (const test::LogLine& l : log_.entries())
+        if (l.priority != LOG_DEBUG) reports.push_back(l.text);
+    EXPECT_EQ(reports, (Lines{"error: fd_openat(): openat(model): Is a directory",
+                              "warn: NodeCreate(): fsync(" + std::to_string(fd) +
+                                  "): Input/output error"}));
 }
 
 // Without a batch nothing is flushed.
-TEST_F(AttrTest, LoadsAreTracedAndMkdirAndPathFailuresReported) {
-    tmp_.write("Node/12/freespace", "42\n");
-    tmp_.write("Node/12/sectors", "1099511627776\n");
-    tmp_.write("Node/12/name", "abc\n");
-    tmp_.write("Node/12/stripes", "two\n");
+TEST_F(AttrTest, MkdirFailuresAndThePathLimit) {
     test::SyscallHooks hooks;
-    RecordDir dir("DatastoreLoad");
-    ASSERT_EQ(dir.set_path("%s", record_.c_str()), 0);
-    ASSERT_EQ(dir.open(), 0);
-    uint32_t u = 0;
-    unsigned long long ull = 0;
-    char name[32] = {};
-    EXPECT_EQ(dir.load_u32("freespace", &u), 0);
-    EXPECT_EQ(u, 42u);
-    EXPECT_EQ(dir.load_u32("stripes", &u), -1);  // a text, converted to nothing
-    EXPECT_EQ(dir.load_u64("sectors", &ull), 0);
-    EXPECT_EQ(ull, 1099511627776ull);
-    for (TextTrace t : {TextTrace::kWithLength, TextTrace::kPlain, TextTrace::kNone})
-        EXPECT_EQ(dir.load_text("name", name, sizeof(name), t), 3);
-    EXPECT_EQ(StoreMkdir("DatastoreLoad", (root_ + "/none/x").c_str()), -1);
-    EXPECT_EQ(dir.mkdir("none/x"), -1);
-    dir.close();
+    EXPECT_EQ(StoreMkdir("NodeCreate", (tmp_ / "none/x").c_str()), -1);
+    EXPECT_EQ(dir_.mkdir("none/x"), -1);
+    EXPECT_EQ(dir_.mkdir("vdisks"), 0);
+    EXPECT_EQ(dir_.mkdir("vdisks"), 0);  // one that exists counts as made
+    dir_.close();
     EXPECT_EQ(hooks.fsync_calls(), 0);
+    const std::string enoent = "/none/x): No such file or directory";
+    EXPECT_EQ(log_.lines_containing("error:"),
+              (Lines{"error: NodeCreate(): mkdir(" + tmp_.path() + enoent,
+                     "error: NodeCreate(): mkdir(" + record_ + enoent}));
 
-    std::string d = "debug: DatastoreLoad(): ", p = d + record_;
-    std::string e = "error: DatastoreLoad(): Failed to load " + record_;
-    std::string enoent = "/none/x): No such file or directory";
-    EXPECT_EQ(log_.lines(),
-              (Lines{p + "/freespace=42", e + "/stripes: 0", p + "/sectors=1099511627776",
-                     p + "/name=abc (3)", p + "/name=abc", d + root_ + "/none/x [MKDIR]",
-                     "error: DatastoreLoad(): mkdir(" + root_ + enoent, p + "/none/x [MKDIR]",
-                     "error: DatastoreLoad(): mkdir(" + record_ + enoent}));
-
-    RecordDir longer("DatastoreLoad");
-    EXPECT_EQ(longer.set_path("%s/%s", record_.c_str(), std::string(255, 'n').c_str()), -1);
+    // 255 bytes fit, 256 do not; a refused path leaves the directory pathless.
+    RecordDir longer("NodeCreate");
     EXPECT_EQ(longer.set_path("%s", std::string(255, 'n').c_str()), 0);
+    EXPECT_EQ(longer.set_path("%s/%s", record_.c_str(), std::string(255, 'n').c_str()), -1);
+    EXPECT_STREQ(longer.path(), "");
+    StorePath p;
+    EXPECT_TRUE(store_path(p, "%s", std::string(255, 'p').c_str()));
+    EXPECT_FALSE(store_path(p, "%s/", std::string(255, 'p').c_str()));
 }
 
 }  // namespace

@@ -8,6 +8,7 @@
 
 #include "base/config.h"
 #include "support/log_capture.h"
+#include "support/settings.h"
 #include "support/temp_dir.h"
 
 namespace corvald {
@@ -16,14 +17,15 @@ namespace {
 // A store s/ with locks/ and a sentinel keep/ beside it; the settings this module reads point at
 // it (lock timeout 0: a held lock fails at once, silently) and are restored afterwards.
 struct JsonStore {
+    test::ScopedSettings settings;
     test::TempDir tmp;
     std::string root = tmp / "s";
-    std::tuple<std::string&, std::string&, int&, int&> cfg{
-        cfg_work_directory, cfg_local_files, cfg_path_lock_timeout_ms, cfg_json_ping_interval};
-    std::tuple<std::string, std::string, int, int> saved = cfg;
     test::LogCapture log;
-    JsonStore() { cfg = std::tuple(root, "/v2/local_files", 0, 90), sh("mkdir -p s/locks keep"); }
-    ~JsonStore() { cfg = saved; }
+    JsonStore() {
+        std::tie(cfg_work_directory, cfg_local_files, cfg_path_lock_timeout_ms,
+                 cfg_json_ping_interval) = std::tuple(root, "/v2/local_files", 0, 90);
+        sh("mkdir -p s/locks keep");
+    }
     // Runs c in the temporary directory, with $R the root, $X the document a/x.json, $I the index
     // and "held <path under v2>" making the lock file another process holds; its exit status.
     int sh(const std::string& c) const {
@@ -51,10 +53,11 @@ jsonEntry entry(const std::string& path, const std::string& file, size_t len = 0
     return e;
 }
 
+// A path with a leading "/" stays in the tree: "/a/b/" is <root>/v2//a/b/.
 TEST(JsonStoreTest, JoinsPathAndFilenameAsTheyComeWritesTheMetadataAndListsTheDocument) {
     JsonStore s;
     std::string index;
-    for (std::string path : {"a/b", "a/b/"}) {
+    for (std::string path : {"a/b", "a/b/", "/a/b/"}) {
         jsonEntry e = entry(path, "x.json", 7);
         std::string doc = "s/v2/" + path + "x.json", golden(146, '\0');
         index += s.tmp / doc + "\n";
@@ -67,6 +70,7 @@ TEST(JsonStoreTest, JoinsPathAndFilenameAsTheyComeWritesTheMetadataAndListsTheDo
         std::memcpy(&golden[114], &lastping, 8), golden[122] = 7, golden[138] = 5;
         EXPECT_EQ(s.tmp.read(doc + ".mtd"), golden);
         EXPECT_TRUE(lastping >= t0 && lastping <= std::time(nullptr)) << lastping;
+        EXPECT_TRUE(json_file_in_tree((s.tmp / doc).c_str())) << doc;
     }
     EXPECT_EQ(s.tmp.read("s/v2/local_files"), index);
 }
@@ -155,7 +159,7 @@ TEST(JsonStoreTest, SweepDeletesDocumentsOlderThanFiveIntervalsInEveryDirectory)
 // read).
 // clang-format off
 const std::tuple<std::string, std::string, bool> kRefused[] = {
-    {"..", "x", 1}, {"../", "x", 0}, {"a/../../", "x", 0}, {"/etc/", "x", 1}, {"a/.", ".", 0},
+    {"..", "x", 1}, {"../", "x", 0}, {"a/../../", "x", 0}, {"/../", "x", 0}, {"a/.", ".", 0},
     {"a/", "..", 0}, {"a/", "b/../../../x", 0}, {"a/", "x\n/etc/passwd", 0},
     {std::string(64, 'p'), "x", 1}, {"", "local_files", 1}, {".//", "local_files.tmp", 1}};
 // clang-format on

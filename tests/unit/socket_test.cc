@@ -10,11 +10,11 @@
 #include <unistd.h>
 
 #include <string>
-#include <tuple>
 #include <vector>
 
 #include "base/config.h"
 #include "support/log_capture.h"
+#include "support/settings.h"
 #include "util/unique_fd.h"
 
 namespace corvald {
@@ -42,14 +42,7 @@ TEST(Socket, InterfaceAddressAndBoundSocket) {
 }
 
 TEST(Socket, MulticastGroupsFromTheSettingJoinedOnLoopback) {
-    struct Saved {  // puts back the settings this test changes
-        std::string address = cfg_multicast_address;
-        int port = cfg_bind_port, mode = cfg_unicast_mode;
-        ~Saved() {
-            std::tie(cfg_multicast_address, cfg_bind_port, cfg_unicast_mode) =
-                std::tie(address, port, mode);
-        }
-    } saved;
+    test::ScopedSettings settings;
     test::LogCapture log;
     cfg_bind_port = 8123;
     cfg_multicast_address = " ,239.255.18.1, 239.255.18.2\t,,224.1 ";
