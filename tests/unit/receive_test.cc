@@ -20,7 +20,9 @@ namespace corvald::test {
 namespace {
 
 using Lines = std::vector<std::string>;
-const std::string E = "error: controller_thread_loop(): ", kToV = "-> ../../../VDisk/";
+const std::string E = "error: controller_thread_loop(): ", kToV = "-> ../../../VDisk/",
+                  kStale = "notice: controller_thread_loop(): Stale VDisk ",
+                  kNoRecord = "error: fd_open(): open(@/s/VDisk/";
 
 struct Row {
     std::string dgram;
@@ -131,7 +133,12 @@ TEST(Receive, EveryKindMakesTheDemoRecordsAndTakesThemAway) {
 TEST(Receive, GenerationsDecideWhatAnAnnouncementChanges) {
     StoreBuilder store;
     store.node(3).node(7).node(8).node(9).datastore("ds1", {3, 7, 8}).vdisk("vd1", {7, 8}, "", "ds1", 4);
-    Receiver r(store.put("Node/9/datastoremember", "..\n").put("Node/3/datastoremember", ""));
+    store.put("Node/9/datastoremember", "..\n").put("Node/3/datastoremember", "").drop("Datastore/ds1/members/8");
+    // Nodes 3, 7 and 8 link a VDisk without a record: the stale check (which
+    // only a PING of no failed entry makes) says so.
+    for (const char* n : {"3", "7", "8"}) store.put("Node/" + std::string(n) + "/vdisks/zz", "-> x");
+    Receiver r(store);
+    auto ok = [](const char* n) { return Lines{kStale + "zz of member " + n, kNoRecord + "zz): No such file or directory"}; };
     auto vd = [](unsigned gen, std::vector<uint32_t> members, uint64_t seqno, uint32_t tid = 0) {
         VDiskBlock b("vd1", std::move(members));
         b.gen = gen, b.seqno = seqno, b.sectors = 100 * seqno, b.transaction_id = tid;
@@ -146,24 +153,24 @@ TEST(Receive, GenerationsDecideWhatAnAnnouncementChanges) {
     EXPECT_NE(r.at("Node/7/lastping"), "1795000000\n");
     run(r, {
         {ping(7, {vd2}, 33), ""},  // only the announcement that ends a transaction creates
-        {ping(7, {vd(3, {7}, 2)}), m7 + "seqno=2,"},
-        {ping(7, {vd(9, {7}, 3, 5)}), m7 + "seqno=3,"},
+        {ping(7, {vd(3, {7}, 2)}), m7 + "seqno=2,", ok("7")},
+        {ping(7, {vd(9, {7}, 3, 5)}), m7 + "seqno=3,", ok("7")},
         {ping(3, {vd(4, {3, 7, 8}, 4)}), "Node/3/vdisks/vd1=" + kToV + "vd1 " + v +
-         "memberinfo/3=<dir> " + v + "membership=3,7,8, " + v + "sectors=400,"},
+         "memberinfo/3=<dir> " + v + "membership=3,7,8, " + v + "sectors=400,", ok("3")},
         {ping(7, {vd(4, {3, 7}, 5)}), "Node/8/vdisks/vd1=<missing> " + m7 + "seqno=5, " + v +
-         "memberinfo/8=<missing> " + v + "membership=3,7, " + v + "sectors=500,"},
+         "memberinfo/8=<missing> " + v + "membership=3,7, " + v + "sectors=500,", ok("7")},
         {ping(7, {vd(5, {3, 7}, 6)}), v + "highest_gen_count=5, " + m7 +
-         "membership_gen_count=5, " + m7 + "seqno=6, " + v + "sectors=600,"},
+         "membership_gen_count=5, " + m7 + "seqno=6, " + v + "sectors=600,", ok("7")},
     });
     EXPECT_EQ(r.log.lines_containing("FenceCheck"),
               Lines({"info: FenceCheck(): Call " + r.dir / "fence uuid=vd1 member=7",
                      "info: FenceCheck(): Return " + r.dir / "fence uuid=vd1 member=7"}));
     run(r, {
         {ping(3, {vd(106, {3, 7}, 7)}, 4, 7), "Node/3/version=v1.7, " + v + "highest_gen_count=6, " +
-         m3 + "membership_gen_count=6, " + m3 + "seqno=7, " + v + "sectors=700,"},
+         m3 + "membership_gen_count=6, " + m3 + "seqno=7, " + v + "sectors=700,", ok("3")},
         {ping(7, {vd(107, {7}, 8)}), "Node/3/vdisks/vd1=<missing> " + v + "highest_gen_count=107, " +
          v + "memberinfo/3=<missing> " + m7 + "membership_gen_count=107, " + m7 + "seqno=8, " + v +
-         "membership=7, " + v + "sectors=800,"},
+         "membership=7, " + v + "sectors=800,", ok("7")},
     });
     EXPECT_EQ(r.dir.read("fence.log"), fence("7") + fence("3") + fence("7"));
     fence_check_timeout_ms = 200, r.dir.write("hang", "");
@@ -173,12 +180,13 @@ TEST(Receive, GenerationsDecideWhatAnAnnouncementChanges) {
     EXPECT_TRUE(::waitpid(-1, nullptr, WNOHANG) == -1 && errno == ECHILD);  // reaped
     run(r, {
         {ping(7, {vd(108, {}, 10)}), "Node/7/vdisks/vd1=<missing> " + v + "memberinfo/7=<missing> " +
-         v + "membership= " + v + "sectors=1000,"},
-        {ping(8, {vd3}), "VDisk/vd3=<dir>"},  // 8 is no member: no member record, no links
+         v + "membership= " + v + "sectors=1000,", ok("7")},
+        {ping(8, {vd3}), "VDisk/vd3=<dir>", ok("8")},  // 8 is no member: no member record, no links
         {ping(9, {vd4}), "Node/9/vdisks/vd4=" + kToV + "vd4 VDisk/vd4=<dir>",
          {"error: NodeLoad_DSMember(): Malformed @/s/Node/9/datastoremember: .."}},
         {from(16, 9).b, "", {"error: NodeLoad_DSMember(): Malformed @/s/Node/9/datastoremember: .."}},
         {header(33, 7).demo_node(0x0a000001).b, "Node/7/backupchannel=10.0.0.1, Node/7/nodestatus=1, Node/7/size=0,"},
+        {from(16, 8).b, "Node/8/datastoremember=<missing>"},  // no member link to drop
         {from(16, 3).b, "Node/3/datastoremember=<missing> Node/3/version=v1.8,"},
     });
     // clang-format on
@@ -250,7 +258,7 @@ TEST(Receive, OnlyAWholeAnnouncementRemovesStaleVDisks) {
             {whole.substr(0, whole.size() - 8), "", {E + "Malformed packet? #2"}},
             {ping(1, {VDiskBlock("dup", {1}), VDiskBlock("dup", {1})}), made("dup"), {E + "Duplicate VDisk Entry dup"}},
             {ping(1, {VDiskBlock("held", {1}), VDiskBlock("free", {1})}), made("free")}});
-    const std::string N = "notice: controller_thread_loop(): Stale VDisk ", none = "error: fd_open(): open(@/s/VDisk/";
+    const std::string N = kStale, none = kNoRecord;
     const std::string D = "Datastore/ds1/vdisks/", V = "Node/1/vdisks/";
     run(r, {{whole, D + "dup=<missing> " + D + "free=<missing> " + D + "new=" + kToV + "new " + V + "dup=<missing> " + V + "free=<missing> " + V + "new=" + kToV + "new " + V + "v=<missing> VDisk/dup=<missing> VDisk/free=<missing> VDisk/new=<dir> VDisk/v=<missing>",
              {"error: NodeLoad_VDisks(): Malformed symlink @/s/Node/1/vdisks/0123456789abcde", N + "0123456789abcd of member 1", none + "0123456789abcd): No such file or directory", N + "a10 of member 1", none + "a10): No such file or directory", N + "b2 of member 1", none + "b2): No such file or directory", N + "dup of member 1", N + "free of member 1", N + "v of member 1"}}});
