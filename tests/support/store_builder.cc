@@ -1,10 +1,7 @@
 #include "support/store_builder.h"
 
-#include <fcntl.h>
 #include <sys/stat.h>
-#include <unistd.h>
 
-#include <cerrno>
 #include <algorithm>
 #include <filesystem>
 #include <fstream>
@@ -80,13 +77,6 @@ StoreBuilder& StoreBuilder::put(const std::string& path, const std::string& valu
     return *this;
 }
 
-StoreBuilder& StoreBuilder::drop(const std::string& path) {
-    std::erase_if(t, [&](const auto& e) {
-        return e.first == path || e.first.starts_with(path + "/");
-    });
-    return *this;
-}
-
 StoreBuilder& StoreBuilder::node(uint32_t id, const std::string& version, bool full) {
     const std::string n = "Node/" + std::to_string(id) + "/";
     put(n + "vdisks");
@@ -145,19 +135,17 @@ StoreBuilder& StoreBuilder::vdisk(const std::string& uuid, const std::vector<uin
 }
 
 bool StoreBuilder::write(const std::string& root) const {
-    if (::mkdir(root.c_str(), 0755) != 0 && errno != EEXIST) return false;
+    std::error_code ec;
+    fs::create_directories(root, ec);
     for (const auto& [rel, value] : t) {
-        const std::string path = root + "/" + rel;
-        if (value == "<dir>") {
-            if (::mkdir(path.c_str(), 0755) != 0 && errno != EEXIST) return false;
-        } else if (value.starts_with("-> ")) {
-            if (::symlink(value.c_str() + 3, path.c_str()) != 0) return false;
-        } else {
-            int fd = ::open(path.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0644);
-            bool ok = fd >= 0 && ::write(fd, value.data(), value.size()) == ssize_t(value.size());
-            if (fd >= 0) ::close(fd);
-            if (!ok) return false;
-        }
+        const fs::path path = root + "/" + rel;
+        if (value == "<dir>")
+            fs::create_directory(path, ec);
+        else if (value.starts_with("-> "))
+            fs::create_symlink(value.substr(3), path, ec);
+        else if (!(std::ofstream(path, std::ios::binary) << value))
+            return false;
+        if (ec) return false;
     }
     return true;
 }

@@ -36,8 +36,6 @@ struct StoreBuilder {
     StoreBuilder& seed();
     // Adds path with value (as Tree says), and its directories.
     StoreBuilder& put(const std::string& path, const std::string& value = "<dir>");
-    // Removes path and everything below it.
-    StoreBuilder& drop(const std::string& path);
     // Node/<id> of the demo node at version from 127.0.0.<id>, as
     // NodeCreate writes it; full adds "lastping" and the capacity figures.
     StoreBuilder& node(uint32_t id, const std::string& version = "v1.8", bool full = true);
