@@ -16,6 +16,7 @@
 #include <cstring>
 
 #include "base/config.h"
+#include "support/store_builder.h"
 
 // The harness's own code is left out of the coverage map: its seeding and
 // checks run a varying number of times per input and would make inputs look
@@ -36,131 +37,18 @@ bool g_log_to_stderr = false;
 #define LONE "9e8d7c6b5a4f30"
 #define DS "ds01"
 
-enum class Kind { Dir, File, Link };
-struct SeedItem {
-    Kind kind;
-    const char* path;  // relative to the store root
-    const char* text;  // file content, or link target
-};
-
-// clang-format off
-// A Node record with every attribute the daemon writes but "datastoremember".
-#define NODE_ATTRS(id, ver)                                                                        \
-    {Kind::Dir, "Node/" id, nullptr},                                                              \
-    {Kind::Dir, "Node/" id "/vdisks", nullptr},                                                    \
-    {Kind::File, "Node/" id "/version", ver "\n"},                                                 \
-    {Kind::File, "Node/" id "/uuid", id "\n"},                                                     \
-    {Kind::File, "Node/" id "/status", "1\n"},                                                     \
-    {Kind::File, "Node/" id "/nodestatus", "2\n"},                                                 \
-    {Kind::File, "Node/" id "/vendor", "CORVAL\n"},                                                \
-    {Kind::File, "Node/" id "/model", "Fuzz Node\n"},                                              \
-    {Kind::File, "Node/" id "/freespace", "81920\n"},                                              \
-    {Kind::File, "Node/" id "/utilization", "37\n"},                                               \
-    {Kind::File, "Node/" id "/revision", "1.8.0\n"},                                               \
-    {Kind::File, "Node/" id "/serial", "FUZZ-000" id "\n"},                                        \
-    {Kind::File, "Node/" id "/hbtl", "0:0:" id ":0\n"},                                            \
-    {Kind::File, "Node/" id "/performance", "3\n"},                                                \
-    {Kind::File, "Node/" id "/hostid", id "\n"},                                                   \
-    {Kind::File, "Node/" id "/size", "102400\n"},                                                  \
-    {Kind::File, "Node/" id "/backupchannel", "0.0.0.0\n"},                                        \
-    {Kind::File, "Node/" id "/ipaddr", "127.0.0.3\n"},                                             \
-    {Kind::File, "Node/" id "/lastping", "1795000000\n"},                                          \
-    {Kind::File, "Node/" id "/allocatedspace", "20480\n"},                                         \
-    {Kind::File, "Node/" id "/curvdisks", "2\n"},                                                  \
-    {Kind::File, "Node/" id "/curvdisksforctrl", "2\n"},                                           \
-    {Kind::File, "Node/" id "/maxvdisksforctrl", "64\n"},                                          \
-    {Kind::File, "Node/" id "/memtotal", "16384\n"},                                               \
-    {Kind::File, "Node/" id "/memavail", "9216\n"}
-
-// A member record; those of a plain VDisk also hold "snap_limit"
-// (MEMBER_SNAP_LIMIT).
-#define MEMBER(vd, id)                                                                             \
-    {Kind::Dir, "VDisk/" vd "/memberinfo/" id, nullptr},                                           \
-    {Kind::File, "VDisk/" vd "/memberinfo/" id "/membership_gen_count", "4\n"},                    \
-    {Kind::File, "VDisk/" vd "/memberinfo/" id "/numkeys", "0\n"},                                 \
-    {Kind::File, "VDisk/" vd "/memberinfo/" id "/seqno", "1\n"},                                   \
-    {Kind::File, "VDisk/" vd "/memberinfo/" id "/status", "1\n"},                                  \
-    {Kind::File, "VDisk/" vd "/memberinfo/" id "/port", "3260\n"},                                 \
-    {Kind::File, "VDisk/" vd "/memberinfo/" id "/st_mem", "0\n"},                                  \
-    {Kind::File, "VDisk/" vd "/memberinfo/" id "/frontend", "127.0.0." id "\n"},                   \
-    {Kind::Link, "VDisk/" vd "/memberinfo/" id "/nodestatus", "../../../../Node/" id "/status"}
-#define MEMBER_SNAP_LIMIT(vd, id) {Kind::File, "VDisk/" vd "/memberinfo/" id "/snap_limit", "10\n"}
-
-// The shared attributes of a VDisk record at generation 4, and its
-// "memberinfo".
-#define VDISK_SHARED(vd, name, snapshot)                                                           \
-    {Kind::Dir, "VDisk/" vd, nullptr},                                                             \
-    {Kind::Dir, "VDisk/" vd "/memberinfo", nullptr},                                               \
-    {Kind::File, "VDisk/" vd "/uuid", vd "\n"},                                                    \
-    {Kind::File, "VDisk/" vd "/name", name "\n"},                                                  \
-    {Kind::File, "VDisk/" vd "/sector_size", "512\n"},                                             \
-    {Kind::File, "VDisk/" vd "/sectors", "2097152\n"},                                             \
-    {Kind::File, "VDisk/" vd "/replicas", "2\n"},                                                  \
-    {Kind::File, "VDisk/" vd "/st_mems", "2\n"},                                                   \
-    {Kind::File, "VDisk/" vd "/st_size", "64\n"},                                                  \
-    {Kind::File, "VDisk/" vd "/snapshot", snapshot "\n"},                                          \
-    {Kind::File, "VDisk/" vd "/highest_gen_count", "4\n"}
-
-// In creation order: every directory before what it holds.
-const SeedItem kSeed[] = {
-    {Kind::Dir, "Node", nullptr},
-    {Kind::Dir, "Datastore", nullptr},
-    {Kind::Dir, "VDisk", nullptr},
-    // Nodes 1 and 2 belong to the data store and hold members of the plain
-    // VDisk and its snapshot; node 3 belongs to no data store and is the
-    // only member of a third VDisk.
-    NODE_ATTRS("1", "v1.8"),
-    {Kind::File, "Node/1/datastoremember", DS "\n"},
-    NODE_ATTRS("2", "v1.7"),
-    {Kind::File, "Node/2/datastoremember", DS "\n"},
-    NODE_ATTRS("3", "v2.0"),
-    {Kind::Dir, "Datastore/" DS, nullptr},
-    {Kind::File, "Datastore/" DS "/uuid", DS "\n"},
-    {Kind::File, "Datastore/" DS "/name", "fuzz store\n"},
-    {Kind::File, "Datastore/" DS "/description", "two members\n"},
-    {Kind::File, "Datastore/" DS "/sector_size", "512\n"},
-    {Kind::File, "Datastore/" DS "/replicas", "2\n"},
-    {Kind::File, "Datastore/" DS "/stripes", "1\n"},
-    {Kind::File, "Datastore/" DS "/overcommit", "0\n"},
-    {Kind::Dir, "Datastore/" DS "/members", nullptr},
-    {Kind::Link, "Datastore/" DS "/members/1", "../../../Node/1"},
-    {Kind::Link, "Datastore/" DS "/members/2", "../../../Node/2"},
-    {Kind::Dir, "Datastore/" DS "/vdisks", nullptr},
-    {Kind::Link, "Datastore/" DS "/vdisks/" PLAIN, "../../../VDisk/" PLAIN},
-    {Kind::Link, "Datastore/" DS "/vdisks/" SNAP, "../../../VDisk/" SNAP},
-    // The plain VDisk with its snapshot's link.
-    VDISK_SHARED(PLAIN, "fuzz disk", "0"),
-    {Kind::File, "VDisk/" PLAIN "/description", "plain disk of nodes 1 and 2\n"},
-    {Kind::File, "VDisk/" PLAIN "/membership", "1\n2\n"},
-    {Kind::Link, "VDisk/" PLAIN "/datastore", "../../Datastore/" DS},
-    {Kind::Dir, "VDisk/" PLAIN "/snapshots", nullptr},
-    {Kind::Link, "VDisk/" PLAIN "/snapshots/" SNAP, "../../../VDisk/" SNAP},
-    MEMBER(PLAIN, "1"),
-    MEMBER_SNAP_LIMIT(PLAIN, "1"),
-    MEMBER(PLAIN, "2"),
-    MEMBER_SNAP_LIMIT(PLAIN, "2"),
-    {Kind::Link, "Node/1/vdisks/" PLAIN, "../../../VDisk/" PLAIN},
-    {Kind::Link, "Node/2/vdisks/" PLAIN, "../../../VDisk/" PLAIN},
-    // Its snapshot.
-    VDISK_SHARED(SNAP, "fuzz disk snap", "1"),
-    {Kind::File, "VDisk/" SNAP "/parent", PLAIN "\n"},
-    {Kind::File, "VDisk/" SNAP "/snaptime", "26-11-23_09.30.00\n"},
-    {Kind::File, "VDisk/" SNAP "/membership", "1\n2\n"},
-    {Kind::Link, "VDisk/" SNAP "/datastore", "../../Datastore/" DS},
-    MEMBER(SNAP, "1"),
-    MEMBER(SNAP, "2"),
-    {Kind::Link, "Node/1/vdisks/" SNAP, "../../../VDisk/" SNAP},
-    {Kind::Link, "Node/2/vdisks/" SNAP, "../../../VDisk/" SNAP},
-    // A VDisk of node 3 alone, on no data store.
-    VDISK_SHARED(LONE, "lone disk", "0"),
-    {Kind::File, "VDisk/" LONE "/description", "one member, no data store\n"},
-    {Kind::File, "VDisk/" LONE "/membership", "3\n"},
-    {Kind::Dir, "VDisk/" LONE "/snapshots", nullptr},
-    MEMBER(LONE, "3"),
-    MEMBER_SNAP_LIMIT(LONE, "3"),
-    {Kind::Link, "Node/3/vdisks/" LONE, "../../../VDisk/" LONE},
-};
-// clang-format on
+// Nodes 1 and 2 belong to the data store and hold members of the plain
+// VDisk and its snapshot; node 3 belongs to no data store and is the only
+// member of a third VDisk. Every generation count is 4.
+const corvald::test::StoreBuilder& seed_store() {
+    static const corvald::test::StoreBuilder store = [] {
+        corvald::test::StoreBuilder b;
+        b.node(1, "v1.8").node(2, "v1.7").node(3, "v2.0").datastore(DS, {1, 2});
+        b.vdisk(PLAIN, {1, 2}, "", DS, 4).vdisk(SNAP, {1, 2}, PLAIN, DS, 4);
+        return b.vdisk(LONE, {3}, "", "", 4);
+    }();
+    return store;
+}
 
 // Seeded entries whose absence means an input removed a seeded member or
 // membership: the store is seeded again before the next input.
@@ -199,33 +87,10 @@ void remove_tree(const char* path) {
         die_errno("cannot remove", path);
 }
 
-// Writes every seed entry; a file is rewritten, an existing directory or
-// link is left as it is (the store is wiped before, so there is none).
+// Writes every seed entry (the store is wiped before, so none is there).
 void seed() {
-    char path[512];
-    for (const SeedItem& it : kSeed) {
-        path_in(path, sizeof path, g_store, it.path);
-        switch (it.kind) {
-            case Kind::Dir:
-                if (::mkdir(path, 0777) != 0 && errno != EEXIST)
-                    die_errno("seed mkdir", path);
-                break;
-            case Kind::Link:
-                if (::symlink(it.text, path) != 0 && errno != EEXIST)
-                    die_errno("seed symlink", path);
-                break;
-            case Kind::File: {
-                int fd = ::open(path, O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0666);
-                if (fd < 0)
-                    die_errno("seed open", path);
-                size_t len = std::strlen(it.text);
-                if (::write(fd, it.text, len) != static_cast<ssize_t>(len))
-                    die_errno("seed write", path);
-                ::close(fd);
-                break;
-            }
-        }
-    }
+    if (!seed_store().write(g_store))
+        die("cannot seed", g_store);
 }
 
 // Removes every record (everything in the store root but "locks", which the

@@ -1,15 +1,15 @@
 // A daemon's store copied from the seed store of the local profile, with its
-// configuration, and a way to look at any store path.
+// configuration, and a way to look at any store path (look(), from
+// support/store_builder.h).
 #pragma once
 
 #include <gtest/gtest.h>
-#include <sys/stat.h>
-#include <unistd.h>
 
 #include <cstdlib>
 #include <string>
 
 #include "support/daemon.h"
+#include "support/store_builder.h"
 #include "support/temp_dir.h"
 
 namespace corvald::test {
@@ -25,8 +25,7 @@ struct SeedStore {
     TestConfig cfg{dir};
     explicit SeedStore(const std::string& local_nodes = "1\n",
                        const std::string& hosts = "127.0.0.2\n") {
-        const std::string cp = "cp -a " CORVALD_SOURCE_DIR "/etc/local/seed " + db();
-        EXPECT_EQ(std::system((cp + " && mkdir " + db() + "/locks").c_str()), 0);
+        EXPECT_TRUE(StoreBuilder().seed().put("locks").write(db()));
         dir.write("local_nodes", local_nodes);
         dir.write("unicast_hosts", hosts);
         cfg.values["ping_interval"] = "3600";
@@ -46,20 +45,5 @@ struct SeedStore {
     }
     std::string conf() { return cfg.write(dir); }
 };
-
-// What is at path, without following a link: "<missing>", "<dir>",
-// "-> " and a link's target, or a file's contents.
-inline std::string look(const std::string& path) {
-    struct stat st;
-    if (::lstat(path.c_str(), &st) != 0)
-        return "<missing>";
-    if (S_ISDIR(st.st_mode))
-        return "<dir>";
-    if (!S_ISLNK(st.st_mode))
-        return read_file(path);
-    char target[256];
-    ssize_t n = ::readlink(path.c_str(), target, sizeof target);
-    return "-> " + std::string(target, n > 0 ? static_cast<size_t>(n) : 0);
-}
 
 }  // namespace corvald::test

@@ -25,6 +25,7 @@ struct VDiskBlock {
     std::vector<uint32_t> members;
     std::vector<uint32_t> frontends;  // IPv4 addresses, first octet most significant
     std::string parent;               // a snapshot of parent, taken 26-11-23_09.30.00
+    bool snapshot = false;            // a snapshot even with an empty parent
     uint32_t transaction_id = 0;
     uint64_t sectors = 2097152;
     uint64_t seqno = 1;
@@ -37,10 +38,16 @@ struct Golden {
     explicit Golden(size_t n) : b(n, '\0') {}
     Golden& num(size_t off, uint64_t v, int width);
     Golden& text(size_t off, const std::string& s);
+    // The demo node's header fields (those of support/store_builder.h's
+    // node()); with a backup address, status 1 and that address in size.
+    Golden& demo_node(uint32_t backup = 0);
     // Records appended at the end of the datagram.
     Golden& vdisk(const VDiskBlock& v);
     Golden& datastore(const std::string& uuid, const std::string& name = "",
-                      const std::string& description = "");
+                      const std::string& description = "", uint16_t replicas = 1,
+                      uint16_t stripes = 1);
+    // An AUX_PING's zero byte and capacity record with the demo node's figures.
+    Golden& aux();
     Golden& vdisk_deleted(uint32_t node, const std::string& uuid);
 };
 
