@@ -48,7 +48,7 @@ TEST_F(ConfigTest, EmptyFileKeepsEveryDefaultAndTheDumpShowsThem) {
               "node_lock_timeout_ms=750 datastore_lock_timeout_ms=750 vdisk_lock_timeout_ms=750 "
               "fence_check=/usr/marrowctl/fencecheck ping_interval=90 heartbeat_interval=30 "
               "stats_interval=60 msg_buffer_size=65536 path_lock_timeout_ms=750 "
-              "local_files=/v2/local_files json_ping_interval=90");
+              "local_files=/v2/local_files json_ping_interval=90 ctrl_idle_timeout=30");
 }
 
 // Each range of the integer keys at both edges, and just outside them.
@@ -62,6 +62,7 @@ TEST_F(ConfigTest, IntegerRangeBoundaries) {
                  {"vdisk_lock_timeout_ms", &cfg_vdisk_lock_timeout_ms, 0, 60000},
                  {"json_ping_interval", &cfg_json_ping_interval, 0, 3600},
                  {"stats_interval", &cfg_stats_interval, 0, 86400},
+                 {"ctrl_idle_timeout", &cfg_ctrl_idle_timeout, 0, 86400},
                  {"msg_buffer_size", &cfg_msg_buffer_size, 65536, INT32_MAX}};
     for (const auto& c : cases) {
         for (int64_t v : {c.lo - 1, c.lo, c.hi, c.hi + 1}) {
