@@ -3,6 +3,7 @@
 #include <arpa/inet.h>
 #include <gtest/gtest.h>
 #include <signal.h>
+#include <sys/wait.h>
 #include <unistd.h>
 
 #include <cstdlib>
@@ -75,7 +76,7 @@ TEST(Fault, IdleControlClientsAreClosed) {
     SeedStore s;
     s.cfg.values["ctrl_idle_timeout"] = "1";
     Daemon d({"-d", "-C", s.conf()}, s.dir);
-    ASSERT_TRUE(d.wait_handler(SIGTERM));
+    ASSERT_TRUE(d.wait_for("Send PING"));  // the loop and its listener are up
     auto connect = [&](std::string* id) {
         UniqueFd so(::socket(AF_INET, SOCK_STREAM, 0));
         sockaddr_in sa = {AF_INET, htons(uint16_t(s.cfg.ctrl_port())), {htonl(INADDR_LOOPBACK)}, {}};
@@ -99,6 +100,44 @@ TEST(Fault, IdleControlClientsAreClosed) {
     char c;
     EXPECT_EQ(::read(idle.get(), &c, 1), 0) << "the daemon's end is closed";
     EXPECT_TRUE(d.matching("Idle CTRL client " + busy_id).empty());
+}
+
+// A pid that was a process of this test and is gone now.
+pid_t dead_pid() {
+    pid_t pid = ::fork();
+    if (pid == 0)
+        _exit(0);
+    ::waitpid(pid, nullptr, 0);
+    return pid;
+}
+
+// Lock files of the daemon's previous run (its pid is in the pid file, the
+// process gone) are removed at start-up, each with a notice; a lock of a
+// live process stays, and a lock of some other dead process stays too but is
+// reported while the daemon waits on it.
+TEST(Fault, LocksOfTheDeadPreviousRunGoAtStartUp) {
+    SeedStore s;
+    s.clone_node(2);
+    const pid_t previous = dead_pid(), other = dead_pid();
+    s.dir.write("corvald.pid", std::to_string(previous) + "\n");
+    s.write("locks/NODE-1", std::to_string(previous) + "\n");
+    s.write("locks/VDISK-" + kPlain, std::to_string(previous) + "\n");
+    s.write("locks/DS-ds01", std::to_string(::getpid()) + "\n");
+    s.write("locks/NODE-2", std::to_string(other) + "\n");
+    s.cfg.values["node_lock_timeout_ms"] = "100";
+    Daemon d({"-d", "-C", s.conf()}, s.dir);
+    for (const std::string& name : {std::string("NODE-1"), "VDISK-" + kPlain})
+        EXPECT_TRUE(d.wait_for("Removed stale lock " + s.db() + "/locks/" + name + " of pid " +
+                               std::to_string(previous)));
+    ASSERT_TRUE(d.wait_for("Send PING"));
+    EXPECT_EQ(look(s.db() + "/locks/NODE-1"), "<missing>");
+    EXPECT_EQ(look(s.db() + "/locks/DS-ds01"), std::to_string(::getpid()) + "\n");
+    ASSERT_TRUE(send_datagram(header(32, 2).b, s.cfg.bind_port()));
+    EXPECT_TRUE(d.wait_for("Lock " + s.db() + "/locks/NODE-2 held by dead process " +
+                           std::to_string(other)));
+    EXPECT_TRUE(d.wait_for("Timed out locking " + s.db() + "/locks/NODE-2"));
+    EXPECT_EQ(look(s.db() + "/locks/NODE-2"), std::to_string(other) + "\n");
+    EXPECT_EQ(d.matching("Removed stale lock").size(), 2u);
 }
 
 }  // namespace
