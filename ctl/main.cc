@@ -44,8 +44,11 @@ int usage_error(const CLI::App& app, const std::string& what) {
     return 1;
 }
 
-// The store's records, one listing; 2 when the store cannot be read.
-int list(const std::string& what, const std::string& uuid, bool json) {
+// Enters the store as the daemon runs: inside it, with the store's absolute
+// path as its root. The other files of the configuration may be relative to
+// it, and the index lists documents by the absolute paths the daemon built.
+// 0, or 2 with the reason on standard error.
+int enter_store() {
     struct stat st;
     errno = 0;
     if (::stat(cfg_work_directory.c_str(), &st) != 0 || !S_ISDIR(st.st_mode)) {
@@ -53,9 +56,6 @@ int list(const std::string& what, const std::string& uuid, bool json) {
                   << (errno ? std::strerror(errno) : "not a directory") << "\n";
         return 2;
     }
-    // As the daemon runs: inside the store, with the store's absolute path as
-    // its root. The other files of the configuration may be relative to it,
-    // and the index lists documents by the absolute paths the daemon built.
     char* root = ::chdir(cfg_work_directory.c_str()) == 0 ? ::getcwd(nullptr, 0) : nullptr;
     if (root == nullptr) {
         std::cerr << "corvalctl: store " << cfg_work_directory << ": " << std::strerror(errno)
@@ -64,6 +64,34 @@ int list(const std::string& what, const std::string& uuid, bool json) {
     }
     cfg_work_directory = root;
     std::free(root);
+    return 0;
+}
+
+// Every lock file and its holder; with break_dead, those whose holder is gone
+// are removed (each checked again just before). 2 when the store cannot be
+// read or a removal failed.
+int locks(bool json, bool break_dead) {
+    if (int rc = enter_store(); rc != 0)
+        return rc;
+    const time_t now = std::time(nullptr);
+    const std::vector<LockFileInfo> v = LockFileList();
+    std::vector<int> broken;
+    int rc = 0;
+    if (break_dead) {
+        for (const LockFileInfo& l : v) {
+            broken.push_back(l.pid > 0 && !l.alive ? LockFileBreak(l.name.c_str(), l.pid) : 0);
+            if (broken.back() < 0)
+                rc = 2;
+        }
+    }
+    std::cout << (json ? ctl::locks_json(v, broken, now) : ctl::locks_table(v, broken, now));
+    return rc;
+}
+
+// The store's records, one listing; 2 when the store cannot be read.
+int list(const std::string& what, const std::string& uuid, bool json) {
+    if (int rc = enter_store(); rc != 0)
+        return rc;
     const time_t now = std::time(nullptr);
     std::string why, out;
     int rc = 0;
@@ -134,6 +162,9 @@ int main(int argc, char** argv) {
         app.add_subcommand(name, std::string("list the ") + name);
     app.add_subcommand("vdisks", "list the VDisks, or show one in full")
         ->add_option("UUID", uuid, "the VDisk to show");
+    bool break_dead = false;
+    app.add_subcommand("locks", "list the lock files and their holders")
+        ->add_flag("--break-dead", break_dead, "remove the lock files whose holder is gone");
 
     // The control commands: keyword of the line, then its arguments.
     const std::vector<std::pair<const char*, std::vector<const char*>>> commands = {
@@ -187,6 +218,8 @@ int main(int argc, char** argv) {
     cfg_node_lock_timeout_ms = cfg_datastore_lock_timeout_ms = cfg_vdisk_lock_timeout_ms =
         cfg_path_lock_timeout_ms = ctl::kLockWaitMs;
 
+    if (name == "locks")
+        return locks(json, break_dead);
     if (it == commands.end())
         return list(name, uuid, json);
     if (std::string why = ctl::check_command(cmd, cfg_msg_buffer_size); !why.empty())

@@ -312,4 +312,47 @@ std::string vdisk_details(const VDiskView& v) {
     return out + "\n" + table({"MEMBER", "GEN", "STATUS", "FRONTENDS", "STATE"}, rows);
 }
 
+namespace {
+
+const char* holder(const LockFileInfo& l) {
+    return l.pid <= 0 ? "-" : l.alive ? "alive" : "dead";
+}
+
+const char* outcome(int broken) {
+    return broken > 0 ? "removed" : broken < 0 ? "failed" : "kept";
+}
+
+}  // namespace
+
+std::string locks_table(const std::vector<LockFileInfo>& v, const std::vector<int>& broken,
+                        time_t now) {
+    std::vector<Row> rows;
+    for (size_t i = 0; i < v.size(); ++i) {
+        Row r{v[i].name, v[i].pid > 0 ? std::to_string(v[i].pid) : "-", holder(v[i]),
+              fmt_age(now - v[i].mtime)};
+        if (!broken.empty())
+            r.push_back(outcome(broken[i]));
+        rows.push_back(std::move(r));
+    }
+    Row head{"LOCK", "PID", "HOLDER", "TAKEN"};
+    if (!broken.empty())
+        head.push_back("BREAK");
+    return table(head, rows);
+}
+
+std::string locks_json(const std::vector<LockFileInfo>& v, const std::vector<int>& broken,
+                       time_t now) {
+    J out = J::array();
+    for (size_t i = 0; i < v.size(); ++i) {
+        J l = {{"name", v[i].name},
+               {"pid", v[i].pid > 0 ? J(v[i].pid) : J(nullptr)},
+               {"holder", v[i].pid <= 0 ? J(nullptr) : J(holder(v[i]))},
+               {"age_seconds", static_cast<int64_t>(now - v[i].mtime)}};
+        if (!broken.empty())
+            l["break"] = outcome(broken[i]);
+        out.push_back(std::move(l));
+    }
+    return dump("locks", std::move(out));
+}
+
 }  // namespace corvald::ctl

@@ -5,6 +5,7 @@
 #include <string>
 #include <vector>
 
+#include "store/lock_files.h"
 #include "view.h"
 
 namespace corvald::ctl {
@@ -26,6 +27,12 @@ std::string nodes_table(const std::vector<NodeView>& v);
 std::string datastores_table(const std::vector<DatastoreView>& v);
 std::string vdisks_table(const std::vector<VDiskView>& v);
 std::string docs_table(const std::vector<DocView>& v);
+// The lock files with their holders (alive, dead, or "-" without a pid) and
+// ages; with --break-dead, `broken` holds LockFileBreak's result per file.
+std::string locks_table(const std::vector<LockFileInfo>& v, const std::vector<int>& broken,
+                        time_t now);
+std::string locks_json(const std::vector<LockFileInfo>& v, const std::vector<int>& broken,
+                       time_t now);
 // One VDisk in full: its attributes, then a row per member.
 std::string vdisk_details(const VDiskView& v);
 

@@ -5,6 +5,7 @@
 #include <cassert>
 #include <cerrno>
 #include <cstdio>
+#include <cstdlib>
 #include <cstring>
 #include <fcntl.h>
 
@@ -12,7 +13,9 @@
 #include "base/log.h"
 #include "base/syslog.h"
 #include "controller/controller.h"
+#include "store/lock_files.h"
 #include "util/io.h"
+#include "util/unique_fd.h"
 
 using namespace corvald;
 
@@ -40,6 +43,16 @@ int write_pid_file(pid_t pid) {
         return -1;
     }
     return fd_close(fd) < 0 ? -1 : 0;
+}
+
+// The pid the pid file holds from the previous run, or 0 (no file, or no
+// number in it).
+pid_t read_pid_file() {
+    UniqueFd fd(::open(cfg_pid_file.c_str(), O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC));
+    char text[16] = {};
+    if (!fd || ::read(fd.get(), text, sizeof text - 1) <= 0)
+        return 0;
+    return static_cast<pid_t>(std::strtol(text, nullptr, 10));
 }
 
 }  // namespace
@@ -91,6 +104,10 @@ int main(int argc, char** argv) {
     }
 
     config_dump();
+    // Lock files left by a previous run that died (a crash, kill -9) would
+    // keep every program out of their records for good; they go before this
+    // run takes its first lock.
+    LockFilesRecover(read_pid_file());
     if (write_pid_file(::getpid()) < 0) return 1;
 
     if (controller_module_setup() < 0) return 1;

@@ -50,6 +50,7 @@ int cfg_msg_buffer_size;
 int cfg_path_lock_timeout_ms;
 std::string cfg_local_files;
 int cfg_json_ping_interval;
+int cfg_ctrl_idle_timeout;
 
 namespace {
 
@@ -100,6 +101,7 @@ const ConfigKey keys[] = {
     {"path_lock_timeout_ms", ConfigKind::Int, nullptr, &cfg_path_lock_timeout_ms, timeout_range, nullptr, 750},
     {"local_files", ConfigKind::String, &cfg_local_files, nullptr, nullptr, "/v2/local_files", 0},
     {"json_ping_interval", ConfigKind::Int, nullptr, &cfg_json_ping_interval, interval_range, nullptr, 90},
+    {"ctrl_idle_timeout", ConfigKind::Int, nullptr, &cfg_ctrl_idle_timeout, stats_range, nullptr, 30},
 };
 
 // Longest bind_interface name the kernel's interface requests can carry.

@@ -35,6 +35,8 @@ extern int cfg_msg_buffer_size;
 extern int cfg_path_lock_timeout_ms;
 extern std::string cfg_local_files;
 extern int cfg_json_ping_interval;
+// Seconds a control connection may stay silent before it is closed; 0: never.
+extern int cfg_ctrl_idle_timeout;
 
 // Compiles the line patterns and installs every default; exits 1 if a
 // pattern does not compile.

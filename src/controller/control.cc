@@ -289,6 +289,25 @@ void CtrlConnFree(CtrlConn* ccp) {
     delete ccp;  // CtrlConnPtr's deleter: the record came from CtrlConnAlloc
 }
 
+bool close_idle_ctrl_conns(CtrlConnList* cclp, time_t now) {
+    if (cfg_ctrl_idle_timeout <= 0)
+        return false;
+    bool closed = false;
+    for (auto it = cclp->begin(); it != cclp->end();) {
+        const CtrlConn* ccp = it->get();
+        const time_t idle = now - ccp->last_active;
+        if (idle <= cfg_ctrl_idle_timeout) {
+            ++it;
+            continue;
+        }
+        CV_NOTICE_AS(kLoop, "Idle CTRL client %s:%d for %llds", ccp->addr, ccp->port,
+                     static_cast<long long>(idle));
+        it = cclp->erase(it);
+        closed = true;
+    }
+    return closed;
+}
+
 void CtrlConnListFlush(CtrlConnList* cclp) {
     while (!cclp->empty()) cclp->pop_front();
 }
@@ -308,6 +327,7 @@ bool serve_ctrl_conns(CtrlConnList* cclp, const fd_set* rfds, char* buf, size_t 
             n = ::read(ccp->so, ccp->buf.get(), room);
         } while (n < 0 && errno == EINTR);
         if (n > 0) {
+            ccp->last_active = monotonic_now();
             ccp->buf.get()[n] = '\0';
             handle_ctrl_cmd(ccp, buf, buflen, so);
             ++it;
@@ -343,6 +363,7 @@ int accept_ctrl_conn(int ctrlso, CtrlConnList* cclp) {
     if (fd_blocking(ccp->so, 0) < 0)
         return 0;
     CV_NOTICE_AS(kLoop, "Accepted CTRL connection from %s:%d", ccp->addr, ccp->port);
+    ccp->last_active = monotonic_now();
     cclp->push_back(std::move(ccp));
     return 1;
 }

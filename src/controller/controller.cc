@@ -50,7 +50,10 @@ volatile sig_atomic_t do_reload = 1;
 volatile sig_atomic_t force_pings = 1;
 
 // Reference times of the periodic tasks: a task is due once the clock
-// reaches its reference time plus its interval.
+// reaches its reference time plus its interval. They are read from the
+// monotonic clock (monotonic_now), so that a step of the wall clock, back or
+// forth, neither stops the announcements nor hurries them; what is written
+// to the store (lastping, document times) stays wall-clock time.
 time_t ping_ts;
 time_t heartbeat_ts;
 time_t stats_ts;
@@ -199,8 +202,18 @@ void stats() {
     std::memset(stats_tx_short, 0, sizeof stats_tx_short);
 }
 
+}  // namespace
+
+time_t monotonic_now() {
+    struct timespec ts;
+    ::clock_gettime(CLOCK_MONOTONIC, &ts);
+    return ts.tv_sec;
+}
+
+namespace {
+
 bool due(time_t ts, int interval) {
-    return std::time(nullptr) >= ts + interval;
+    return monotonic_now() >= ts + interval;
 }
 
 // Both files, in either mode; a failed load keeps the list in force and is
@@ -218,21 +231,22 @@ void reload_lists() {
 void run_periodic_tasks(LoopRun* lp) {
     if (due(stats_ts, cfg_stats_interval)) {
         stats();
-        stats_ts = std::time(nullptr);
+        stats_ts = monotonic_now();
     }
     if (force_pings || due(ping_ts, cfg_ping_interval)) {
         force_pings = 0;
         send_pings(lp->buf.get(), lp->buflen, lp->so.get());
-        ping_ts = std::time(nullptr);
+        ping_ts = monotonic_now();
     }
     if (due(heartbeat_ts, cfg_heartbeat_interval)) {
         send_heartbeats(lp->buf.get(), lp->buflen, lp->so.get());
-        heartbeat_ts = std::time(nullptr);
+        heartbeat_ts = monotonic_now();
     }
     if (due(json_ping_ts, cfg_json_ping_interval)) {
         send_pings_json(lp->buf.get(), lp->buflen, lp->so.get());
-        json_ping_ts = std::time(nullptr);
-        json_timeout_check(json_ping_ts);
+        json_ping_ts = monotonic_now();
+        // Document ages are wall-clock times of their metadata.
+        json_timeout_check(std::time(nullptr));
     }
 }
 
@@ -260,12 +274,18 @@ bool loop_pass(LoopRun* lp, int* error) {
         return true;
     }
 
-    if (lp->accept_paused && std::time(nullptr) > lp->accept_paused_at) {
+    if (lp->accept_paused && monotonic_now() > lp->accept_paused_at) {
         lp->accept_paused = false;
         refresh_fds(lp);
     }
 
     run_periodic_tasks(lp);
+    // Checked every turn, busy or idle; a connection closed here is out of
+    // the list before the readable ones are served below.
+    if (close_idle_ctrl_conns(&lp->ccl, monotonic_now())) {
+        lp->accept_paused = false;  // descriptors came free
+        refresh_fds(lp);
+    }
     if (ready == 0) {
         CV_DEBUG_AS(kLoop, "Waiting...");
         return true;
@@ -296,7 +316,7 @@ bool loop_pass(LoopRun* lp, int* error) {
         // logs the same failure on every turn.
         if (rc < 0) {
             lp->accept_paused = true;
-            lp->accept_paused_at = std::time(nullptr);
+            lp->accept_paused_at = monotonic_now();
         }
     }
     if (changed)
@@ -322,7 +342,7 @@ int controller_module_setup() {
     std::memset(stats_rx_short, 0, sizeof stats_rx_short);
 
     // Staggered so that the periodic tasks do not all fall on one turn.
-    const time_t now = std::time(nullptr);
+    const time_t now = monotonic_now();
     ping_ts = now;
     heartbeat_ts = now + 3;
     stats_ts = now + 7;

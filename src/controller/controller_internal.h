@@ -10,6 +10,7 @@
 #include <cstddef>
 #include <cstdint>
 #include <functional>
+#include <ctime>
 #include <list>
 #include <memory>
 
@@ -19,6 +20,10 @@
 #include "util/unique_fd.h"
 
 namespace corvald {
+
+// Seconds of the monotonic clock: what the periodic tasks and the control
+// connections' idle times are measured in, immune to steps of the wall clock.
+time_t monotonic_now();
 
 // The local nodes in file order; replaced whole by a successful reload.
 extern NodeList local_nodes;
@@ -110,6 +115,7 @@ struct CtrlConn {
     int port = 0;        // client's port, host order
     char addr[16] = {};  // client's address, dotted text
     UniqueChars buf;
+    time_t last_active = 0;  // monotonic_now() at accept and at each read
 };
 // Closes the connection's socket, if it has one, after its closing notice,
 // and frees the connection. Only ever called as the deleter of CtrlConnPtr,
@@ -125,6 +131,11 @@ using CtrlConnList = std::list<CtrlConnPtr>;
 // A new connection with its zeroed read buffer in *ccpp; 0, or -1 (logged)
 // with nothing allocated.
 int CtrlConnAlloc(CtrlConnPtr* ccpp);
+// Closes the connections that have sent nothing for longer than
+// cfg_ctrl_idle_timeout seconds (0: never), each with a notice naming it, so
+// that idle clients cannot hold every descriptor of the select set. True when
+// one was closed.
+bool close_idle_ctrl_conns(CtrlConnList* cclp, time_t now);
 // Frees every connection of the list, in list order.
 void CtrlConnListFlush(CtrlConnList* cclp);
 // Serves each connection whose descriptor is in rfds, in list order: one

@@ -8,11 +8,15 @@
 #include <cstdarg>
 #include <cstdio>
 #include <cstring>
+#include <ctime>
+#include <map>
+#include <string>
 
 #include "base/config.h"
 #include "base/log.h"
 #include "net/netlib.h"
 #include "store/attr.h"
+#include "store/lock_files.h"
 #include "util/io.h"
 #include "util/misc.h"
 #include "util/unique_fd.h"
@@ -68,6 +72,25 @@ LockName make_lock_name(int timeout_ms, const char* fmt, ...) {
     return ln;
 }
 
+// A lock whose holder died is waited on like any other (only the daemon's
+// own leftovers are removed, at start-up; corvalctl locks --break-dead does
+// the rest on an operator's word), but the operator is told: once a minute
+// per lock name, so a crowd of waits does not flood the log.
+void warn_dead_holder(const char* name, const char* lockpath) {
+    static std::map<std::string, time_t> last_warned;
+    time_t taken = 0;
+    const pid_t pid = LockFileHolder(name, &taken);
+    if (pid <= 0 || holder_alive(pid, taken))
+        return;
+    struct timespec now;
+    ::clock_gettime(CLOCK_MONOTONIC, &now);
+    auto [it, fresh] = last_warned.try_emplace(name, now.tv_sec);
+    if (!fresh && now.tv_sec - it->second < 60)
+        return;
+    it->second = now.tv_sec;
+    CV_WARN_AS("PathLock", "Lock %s held by dead process %d", lockpath, static_cast<int>(pid));
+}
+
 }  // namespace
 
 int PathLock(const char* path, int timeout_ms) {
@@ -106,6 +129,7 @@ int PathLock(const char* path, int timeout_ms) {
         }
         slept += step;
         CV_NOTICE("Contention on %s, sleep %dms", lockpath, static_cast<int>(step));
+        warn_dead_holder(path, lockpath);
         // A signal that ends the sleep early (SIGUSR1) only shortens this
         // wait; it still counts whole, and the next try comes as usual.
         msleep(static_cast<int>(step));

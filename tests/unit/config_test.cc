@@ -73,6 +73,7 @@ TEST_F(ConfigTest, IntegerRangeBoundaries) {
                  {"vdisk_lock_timeout_ms", &cfg_vdisk_lock_timeout_ms, 0, 60000},
                  {"json_ping_interval", &cfg_json_ping_interval, 0, 3600},
                  {"stats_interval", &cfg_stats_interval, 0, 86400},
+                 {"ctrl_idle_timeout", &cfg_ctrl_idle_timeout, 0, 86400},
                  {"msg_buffer_size", &cfg_msg_buffer_size, 65536, INT32_MAX}};
     for (const auto& c : cases) {
         for (int64_t v : {c.lo - 1, c.lo, c.hi, c.hi + 1}) {

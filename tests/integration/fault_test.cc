@@ -1,0 +1,144 @@
+// The daemon under the faults an operator's host meets: steps of the system
+// clock, idle control clients. Each runs the real binary.
+#include <arpa/inet.h>
+#include <gtest/gtest.h>
+#include <signal.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <cstdlib>
+
+#include "support/daemon.h"
+#include "support/seed_store.h"
+#include "support/udp.h"
+#include "support/wire.h"
+#include "util/unique_fd.h"
+
+namespace corvald::test {
+namespace {
+
+// The next `count` lines containing needle after mark; false if one did not
+// come within timeout.
+bool wait_lines(Daemon& d, size_t mark, const std::string& needle, int count,
+                std::chrono::milliseconds timeout) {
+    for (int i = 0; i < count; ++i) {
+        if (!d.wait_for_after(mark, needle, timeout))
+            return false;
+        mark = d.mark();
+    }
+    return true;
+}
+
+// A step of the wall clock an hour back, then two hours on: the heartbeats
+// and pings go on at their intervals throughout (timed on the monotonic
+// clock), no task runs early (the statistics, due a minute after the start,
+// stay silent), and a peer's lastping written to the store follows the wall
+// clock as it was stepped.
+TEST(Fault, ClockStepsNeitherStopNorHurryThePeriodicTasks) {
+    SeedStore s;
+    s.clone_node(2);
+    UdpSink sink("127.0.0.2", s.cfg.bind_port());
+    s.cfg.values["heartbeat_interval"] = "1";
+    s.cfg.values["ping_interval"] = "2";
+    s.cfg.values["stats_interval"] = "60";
+    s.dir.write("shift", "0");
+    const std::string shift = s.dir / "shift";
+    // Under AddressSanitizer the shim comes before the sanitizer's runtime.
+    const std::string asan = std::getenv("ASAN_OPTIONS") ? std::getenv("ASAN_OPTIONS") : "";
+    ::setenv("ASAN_OPTIONS", (asan + ":verify_asan_link_order=0").c_str(), 1);
+    ::setenv("LD_PRELOAD", CLOCK_SHIFT_LIB, 1);
+    ::setenv("CORVALD_TEST_CLOCK_SHIFT", shift.c_str(), 1);
+    Daemon d({"-d", "-C", s.conf()}, s.dir);
+    ::unsetenv("LD_PRELOAD");
+    ::unsetenv("CORVALD_TEST_CLOCK_SHIFT");
+    ::setenv("ASAN_OPTIONS", asan.c_str(), 1);
+    ASSERT_TRUE(d.wait_for("Send HEARTBEAT"));
+
+    for (long step : {-3600L, 3600L}) {
+        s.dir.write("shift", std::to_string(step));
+        const size_t m = d.mark();
+        // A loop timed on the wall clock would wait an hour after the step back.
+        ASSERT_TRUE(wait_lines(d, m, "Send HEARTBEAT", 3, 10s)) << "after a step of " << step;
+        ASSERT_TRUE(wait_lines(d, m, "Send PING", 1, 10s)) << "after a step of " << step;
+        ASSERT_TRUE(send_datagram(header(32, 2).b, s.cfg.bind_port()));
+        const auto line = d.wait_for_after(m, "Update Node 2 set lastping=");
+        ASSERT_TRUE(line);
+        const long lastping = std::stol(line->message.substr(line->message.find('=') + 1));
+        EXPECT_NEAR(lastping, ::time(nullptr) + step, 5) << "lastping is wall-clock time";
+    }
+    // A loop timed on the wall clock runs every task at once after the step on.
+    EXPECT_TRUE(d.matching("RX:").empty());
+}
+
+// A client that says nothing for longer than ctrl_idle_timeout is hung up
+// on, with a notice naming it; a client that speaks keeps its connection.
+TEST(Fault, IdleControlClientsAreClosed) {
+    SeedStore s;
+    s.cfg.values["ctrl_idle_timeout"] = "1";
+    Daemon d({"-d", "-C", s.conf()}, s.dir);
+    ASSERT_TRUE(d.wait_for("Send PING"));  // the loop and its listener are up
+    auto connect = [&](std::string* id) {
+        UniqueFd so(::socket(AF_INET, SOCK_STREAM, 0));
+        sockaddr_in sa = {AF_INET, htons(uint16_t(s.cfg.ctrl_port())), {htonl(INADDR_LOOPBACK)}, {}};
+        socklen_t len = sizeof sa;
+        EXPECT_EQ(::connect(so.get(), reinterpret_cast<sockaddr*>(&sa), len), 0);
+        ::getsockname(so.get(), reinterpret_cast<sockaddr*>(&sa), &len);
+        *id = "127.0.0.1:" + std::to_string(ntohs(sa.sin_port));
+        return so;
+    };
+    std::string idle_id, busy_id;
+    UniqueFd idle = connect(&idle_id), busy = connect(&busy_id);
+    ASSERT_TRUE(d.wait_for("Accepted CTRL connection from " + busy_id));
+    // The busy client speaks every half second until the idle one is gone.
+    std::optional<LoggedLine> gone;
+    for (int i = 0; i < 20 && !gone; ++i) {
+        ASSERT_EQ(::write(busy.get(), "hello\n", 6), 6);
+        gone = d.wait_for("Idle CTRL client " + idle_id + " for ", 500ms);
+    }
+    ASSERT_TRUE(gone);
+    ASSERT_TRUE(d.wait_for("Closing CTRL connection from " + idle_id));
+    char c;
+    EXPECT_EQ(::read(idle.get(), &c, 1), 0) << "the daemon's end is closed";
+    EXPECT_TRUE(d.matching("Idle CTRL client " + busy_id).empty());
+}
+
+// A pid that was a process of this test and is gone now.
+pid_t dead_pid() {
+    pid_t pid = ::fork();
+    if (pid == 0)
+        _exit(0);
+    ::waitpid(pid, nullptr, 0);
+    return pid;
+}
+
+// Lock files of the daemon's previous run (its pid is in the pid file, the
+// process gone) are removed at start-up, each with a notice; a lock of a
+// live process stays, and a lock of some other dead process stays too but is
+// reported while the daemon waits on it.
+TEST(Fault, LocksOfTheDeadPreviousRunGoAtStartUp) {
+    SeedStore s;
+    s.clone_node(2);
+    const pid_t previous = dead_pid(), other = dead_pid();
+    s.dir.write("corvald.pid", std::to_string(previous) + "\n");
+    s.write("locks/NODE-1", std::to_string(previous) + "\n");
+    s.write("locks/VDISK-" + kPlain, std::to_string(previous) + "\n");
+    s.write("locks/DS-ds01", std::to_string(::getpid()) + "\n");
+    s.write("locks/NODE-2", std::to_string(other) + "\n");
+    s.cfg.values["node_lock_timeout_ms"] = "100";
+    Daemon d({"-d", "-C", s.conf()}, s.dir);
+    for (const std::string& name : {std::string("NODE-1"), "VDISK-" + kPlain})
+        EXPECT_TRUE(d.wait_for("Removed stale lock " + s.db() + "/locks/" + name + " of pid " +
+                               std::to_string(previous)));
+    ASSERT_TRUE(d.wait_for("Send PING"));
+    EXPECT_EQ(look(s.db() + "/locks/NODE-1"), "<missing>");
+    EXPECT_EQ(look(s.db() + "/locks/DS-ds01"), std::to_string(::getpid()) + "\n");
+    ASSERT_TRUE(send_datagram(header(32, 2).b, s.cfg.bind_port()));
+    EXPECT_TRUE(d.wait_for("Lock " + s.db() + "/locks/NODE-2 held by dead process " +
+                           std::to_string(other)));
+    EXPECT_TRUE(d.wait_for("Timed out locking " + s.db() + "/locks/NODE-2"));
+    EXPECT_EQ(look(s.db() + "/locks/NODE-2"), std::to_string(other) + "\n");
+    EXPECT_EQ(d.matching("Removed stale lock").size(), 2u);
+}
+
+}  // namespace
+}  // namespace corvald::test
