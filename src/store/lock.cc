@@ -129,7 +129,9 @@ int PathLock(const char* path, int timeout_ms) {
         }
         slept += step;
         CV_NOTICE("Contention on %s, sleep %dms", lockpath, static_cast<int>(step));
-        warn_dead_holder(path, lockpath);
+        // One look at the holder per wait is enough to tell the operator.
+        if (slept == step)
+            warn_dead_holder(path, lockpath);
         // A signal that ends the sleep early (SIGUSR1) only shortens this
         // wait; it still counts whole, and the next try comes as usual.
         msleep(static_cast<int>(step));

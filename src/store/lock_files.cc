@@ -104,7 +104,9 @@ std::vector<LockFileInfo> LockFileList() {
     const std::string dir = locks_dir();
     DIR* d = ::opendir(dir.c_str());
     if (d == nullptr) {
-        CV_ERROR("opendir(%s): %s", dir.c_str(), std::strerror(errno));
+        // No lock directory: no lock to list (a store being set up).
+        if (errno != ENOENT)
+            CV_ERROR("opendir(%s): %s", dir.c_str(), std::strerror(errno));
         return out;
     }
     while (const struct dirent* e = ::readdir(d)) {

@@ -32,7 +32,8 @@ bool holder_alive(pid_t pid, time_t taken);
 pid_t LockFileHolder(const char* name, time_t* mtime = nullptr);
 
 // Every lock file, in name order; entries that are not regular files are
-// left out. Empty when the directory cannot be read (logged).
+// left out. Empty when the directory cannot be read (logged unless it does
+// not exist).
 std::vector<LockFileInfo> LockFileList();
 
 // Removes the lock file name if it still holds pid and pid is not alive,
