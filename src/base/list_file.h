@@ -2,6 +2,8 @@
 // whole and applied only when the whole file read cleanly.
 #pragma once
 
+#include <sys/stat.h>
+
 #include <cerrno>
 #include <cstdio>
 #include <cstring>
@@ -10,6 +12,11 @@
 #include "base/unique_file.h"
 
 namespace corvald {
+
+// The largest list file read (local nodes, unicast hosts, a VDisk's
+// membership and frontends, the local-files index): far above what any of
+// them can meaningfully hold, far below what would hurt to read.
+constexpr size_t kListFileMax = 1 << 20;
 
 // Reads path into *list, handing every entry line (newline removed) to
 // add(line, list), which logs under op why it refuses one. Comments ('#' in
@@ -25,6 +32,11 @@ int read_list_file(const char* op, const char* path, List* list, AddFn add) {
     if (!fp) {
         CV_ERROR_AS(op, "fopen(%s): %s", path, std::strerror(errno));
         return -1;
+    }
+    struct stat st;
+    if (::fstat(::fileno(fp.get()), &st) == 0 && st.st_size > static_cast<off_t>(kListFileMax)) {
+        CV_ERROR_AS(op, "Oversized file %s: %lld bytes", path, static_cast<long long>(st.st_size));
+        return -3;
     }
     char line[256];
     for (;;) {

@@ -18,6 +18,7 @@
 #include <string>
 
 #include "base/config.h"
+#include "base/list_file.h"
 #include "base/log.h"
 #include "base/unique_file.h"
 #include "store/attr.h"
@@ -64,6 +65,17 @@ FILE* open_stream(const char* path, int flags, mode_t perm, const char* mode) {
     if (fp == nullptr)
         ::close(fd);
     return fp;
+}
+
+// True, after an error line under op, when the index at path (open as fp)
+// is larger than a list file is allowed to be: it is then neither read nor
+// grown, rather than read whole on every document and every announcement.
+bool index_oversized(const char* op, FILE* fp, const char* path) {
+    struct stat st;
+    if (::fstat(::fileno(fp), &st) < 0 || st.st_size <= static_cast<off_t>(kListFileMax))
+        return false;
+    CV_ERROR_AS(op, "Oversized file %s: %lld bytes", path, static_cast<long long>(st.st_size));
+    return true;
 }
 
 // Documents and metadata files are named by peers. A symbolic link planted
@@ -152,6 +164,10 @@ int json_store_is_line_in_file(const char* file_path, const char* search_line,
         UniqueFd fd(::open(file_path, O_RDWR | O_CREAT | O_CLOEXEC, 0777));
         return 0;
     }
+    // An index too large to read counts as listing the document: it must
+    // not grow further.
+    if (index_oversized(__func__, fp.get(), file_path))
+        return 1;
     int found = 0;
     for_each_line(fp.get(), [&](const char* line, size_t len) {
         found = len >= search_line_len && std::memcmp(line, search_line, search_line_len) == 0;
@@ -167,6 +183,9 @@ int json_index_drop_line(const char* index, const char* tmp, const char* line, s
                          const char* file) {
     int rc = 0;
     UniqueFile in(open_stream(index, O_RDONLY, 0, "r"));
+    // An oversized index is left as it is, not replaced by a partial copy.
+    if (in && index_oversized("json_delete_local_files", in.get(), index))
+        return -5;
     UniqueFile out(open_stream(tmp, O_WRONLY | O_CREAT | O_APPEND, 0777, "a"));
     if (!in || !out) {
         CV_ERROR_AS("json_delete_local_files", "Failed to open local_files %s", index);
@@ -482,7 +501,7 @@ int json_index_path(const char* op, StorePath& index) {
 void json_index_lines(const char* index, IndexLink link,
                       const std::function<bool(char* file)>& each) {
     UniqueFile fp(open_stream(index, link == IndexLink::kFollow ? 0 : O_NOFOLLOW, 0, "r"));
-    if (!fp)
+    if (!fp || index_oversized(__func__, fp.get(), index))
         return;
     for_each_line(fp.get(), [&](char* line, size_t len) {
         if (len > 0 && line[len - 1] == '\n')

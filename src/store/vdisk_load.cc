@@ -17,6 +17,7 @@
 #include "base/config.h"
 #include "base/log.h"
 #include "net/netlib.h"
+#include "base/list_file.h"
 #include "store/attr.h"
 #include "store/object.h"
 #include "store/vdisk_fields.h"
@@ -40,6 +41,14 @@ ssize_t load_list(const char* op, int dirfd, const char* key, const char* shown,
                   UniqueChars* text) {
     UniqueFd fd(fd_openat(dirfd, key, O_RDONLY, 0));
     if (!fd) return -1;
+    // Read whole, so its size is checked first: a list can be no longer
+    // than kListMax lines, and a huge file would be read on every
+    // announcement.
+    struct stat st;
+    if (::fstat(fd.get(), &st) == 0 && st.st_size > static_cast<off_t>(kListFileMax)) {
+        CV_ERROR_AS(op, "Oversized file %s: %lld bytes", shown, static_cast<long long>(st.st_size));
+        return -1;
+    }
     char* buf = nullptr;
     ssize_t n = FileLoad(fd.get(), &buf);
     text->reset(buf);

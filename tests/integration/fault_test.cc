@@ -140,5 +140,24 @@ TEST(Fault, LocksOfTheDeadPreviousRunGoAtStartUp) {
     EXPECT_EQ(d.matching("Removed stale lock").size(), 2u);
 }
 
+// List files far larger than any meaningful one (here 2 MiB, sparse) are
+// refused unread, each with a line naming it: a VDisk's membership fails that
+// VDisk's load, and a local-nodes file on reload leaves the list in force.
+TEST(Fault, OversizedListFilesAreRefusedUnread) {
+    SeedStore s;
+    UdpSink sink("127.0.0.2", s.cfg.bind_port());
+    const std::string membership = s.db() + "/VDisk/" + kPlain + "/membership";
+    ASSERT_EQ(::truncate(membership.c_str(), 2 << 20), 0);
+    Daemon d({"-d", "-C", s.conf()}, s.dir);
+    EXPECT_TRUE(d.wait_for("error: MembershipLoad(): Oversized file " + membership + ": 2097152 bytes"));
+    ASSERT_TRUE(d.wait_for("Send AUX_PING"));
+    const size_t m = d.mark();
+    ASSERT_EQ(::truncate((s.dir / "local_nodes").c_str(), 2 << 20), 0);
+    d.signal(SIGHUP);
+    EXPECT_TRUE(d.wait_for_after(m, "error: load_local_nodes(): Oversized file " +
+                                        s.dir / "local_nodes" + ": 2097152 bytes"));
+    EXPECT_TRUE(d.wait_for_after(m, "dump_local_nodes(): [1/1] 1"));
+}
+
 }  // namespace
 }  // namespace corvald::test
