@@ -325,6 +325,8 @@ int MemberinfoCreate(const VDisk* vdisk, const char* vdiskpath, int vdiskfd, con
     return DatastoreUpdate_RefVDisk(dsuuid, vdisk->vdiskuuid);
 }
 
+int store_shared(RecordDir* rec, const VDiskEntry& vde);
+
 // The update of an existing record vdiskfd (its "memberinfo" open as
 // mbtopfd) by the announcement of nodeuuid, whose generation count the
 // caller has read for the node's version already. 0 or -1.
@@ -351,8 +353,18 @@ int VDiskUpdate(VDisk* vdisk, const char* vdiskpath, const char* nodeuuid, int v
     unsigned int highest = 0;
     int rc = AttrLoad(vdiskfd, "highest_gen_count", "%u", &highest);
     if (rc != 1) {
-        ReportLoadFailure(__func__, vdiskpath, "highest_gen_count", rc);
-        return -1;
+        // A record whose creation was cut short (a crash, a full disk) has
+        // no generation count, the last attribute its creation writes, and
+        // may miss others; refused, it would fail every announcement of it
+        // for good. It is completed from this announcement instead.
+        RecordDir rec(__func__);
+        if (rec.set_path("%s", vdiskpath) < 0 || (rec.adopt(::dup(vdiskfd)), rec.fd() < 0) ||
+            store_shared(&rec, vde) < 0) {
+            ReportLoadFailure(__func__, vdiskpath, "highest_gen_count", rc);
+            return -1;
+        }
+        CV_INFO("Completed VDisk %s from Node %s", vdisk->vdiskuuid, nodeuuid);
+        highest = vde_mshipgencnt(&vde);
     }
     CV_DEBUG("%s/highest_gen_count=%u", vdiskpath, highest);
     unsigned int gen = vde_mshipgencnt(&vde);
@@ -396,12 +408,10 @@ int VDiskUpdate(VDisk* vdisk, const char* vdiskpath, const char* nodeuuid, int v
     return FenceCheck(vdisk, nodeuuid);
 }
 
-// The creation steps of a new record rec (its "memberinfo" open as mbtop);
-// the lines carry rec's operation. 0 or -1.
-int create_record(const Hdr* hdr, VDisk* vdisk, RecordDir* rec, RecordDir* mbtop,
-                  const char* nodeuuid) {
-    const VDiskEntry& vde = vdisk->vde;
-    CV_INFO_AS(rec->op(), "Create VDisk %s by Node %s", vdisk->vdiskuuid, nodeuuid);
+// The record's own attributes as the announcement gives them, in creation
+// order: the shared ones, the snapshot's parent and time or the plain disk's
+// "snapshots" and description, the generation count. 0 or -1.
+int store_shared(RecordDir* rec, const VDiskEntry& vde) {
     if (rec->store_fields(kVDiskSharedFields, &vde) < 0)
         return -1;
     if (vde.snapshot != 0) {
@@ -416,10 +426,17 @@ int create_record(const Hdr* hdr, VDisk* vdisk, RecordDir* rec, RecordDir* mbtop
                           vde.description.descr) < 0) {
         return -1;
     }
-    if (rec->store("highest_gen_count", "%u", vde_mshipgencnt(&vde)) < 0 ||
-        MembershipStore(vdisk, rec->path(), rec->fd()) < 0) {
+    return rec->store("highest_gen_count", "%u", vde_mshipgencnt(&vde)) < 0 ? -1 : 0;
+}
+
+// The creation steps of a new record rec (its "memberinfo" open as mbtop);
+// the lines carry rec's operation. 0 or -1.
+int create_record(const Hdr* hdr, VDisk* vdisk, RecordDir* rec, RecordDir* mbtop,
+                  const char* nodeuuid) {
+    const VDiskEntry& vde = vdisk->vde;
+    CV_INFO_AS(rec->op(), "Create VDisk %s by Node %s", vdisk->vdiskuuid, nodeuuid);
+    if (store_shared(rec, vde) < 0 || MembershipStore(vdisk, rec->path(), rec->fd()) < 0)
         return -1;
-    }
     // A node that announces a VDisk it is no member of gets no member record
     // and no links; the members' own announcements make theirs.
     if (MemberLookup(&vdisk->members, hdr->uid) == nullptr)

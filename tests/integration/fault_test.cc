@@ -159,5 +159,31 @@ TEST(Fault, OversizedListFilesAreRefusedUnread) {
     EXPECT_TRUE(d.wait_for_after(m, "dump_local_nodes(): [1/1] 1"));
 }
 
+// A VDisk record whose writing was cut short (no generation count, an empty
+// attribute) would fail every update of it; the next announcement of the
+// VDisk completes it instead, once, and the update goes on.
+TEST(Fault, RecordsCutShortAreCompletedByTheNextAnnouncement) {
+    SeedStore s;
+    s.clone_node(2);
+    const std::string rec = s.db() + "/VDisk/" + kPlain;
+    ASSERT_EQ(::unlink((rec + "/highest_gen_count").c_str()), 0);
+    s.write("VDisk/" + kPlain + "/description", "");
+    Daemon d({"-dd", "-C", s.conf()}, s.dir);
+    ASSERT_TRUE(d.wait_for("BIND UDP"));
+    const std::string ping = header(4, 2).demo_node().vdisk({kPlain, {1, 2}}).b;
+    for (uint32_t marker : {901, 902}) {
+        // Handled in order: once the marker of unknown type behind it is
+        // traced, the PING is done.
+        ASSERT_TRUE(send_datagram(ping, s.cfg.bind_port()));
+        ASSERT_TRUE(send_datagram(header(5, marker).b, s.cfg.bind_port()));
+        ASSERT_TRUE(d.wait_for("debug: hdr_dump(): uid=" + std::to_string(marker)));
+    }
+    EXPECT_EQ(d.matching("Completed VDisk").size(), 1u);
+    EXPECT_TRUE(d.wait_for("info: VDiskUpdate(): Completed VDisk " + kPlain + " from Node 2"));
+    EXPECT_TRUE(d.matching("Failed to load").empty());
+    EXPECT_EQ(look(rec + "/highest_gen_count"), "1\n");
+    EXPECT_EQ(look(rec + "/description"), "the demo's plain disk\n");
+}
+
 }  // namespace
 }  // namespace corvald::test
