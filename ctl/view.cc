@@ -424,7 +424,7 @@ int load_docs(time_t now, std::vector<DocView>* out, std::string* why) {
     // The daemon's own reader of the index, but following no link to it.
     StorePath index;
     if (json_index_path("corvalctl", index) == 0) {
-        json_index_lines(index, IndexLink::kRefuse, [](char* file) {
+        json_index_lines(index, [](char* file) {
             walk.index.insert(file);
             return true;
         });

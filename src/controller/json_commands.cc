@@ -177,7 +177,7 @@ int send_pings_json(char* buf, size_t buflen, int so) {
     // The lines are read by a lambda, which must not log under its own name.
     constexpr const char* kOp = "send_pings_json";
     std::vector<char> text(buflen + 1);
-    json_index_lines(index, IndexLink::kFollow, [&](char* line) {
+    json_index_lines(index, [&](char* line) {
         // The index is a file other programs can write too: a line that names
         // anything but a document of the JSON tree is never read.
         if (!json_file_in_tree(line)) {

@@ -13,6 +13,7 @@
 #include <memory>
 
 #include "base/log.h"
+#include "store/beneath.h"
 #include "util/io.h"
 #include "util/unique_fd.h"
 
@@ -29,7 +30,7 @@ constexpr int kEmptyFile = -2;
 // value's length with buf NUL-terminated behind it, kEmptyFile, or -1. The
 // lines carry op, the primitive the caller is.
 int read_value(const char* op, int dirfd, const char* key, char* buf) {
-    UniqueFd fd(fd_openat(dirfd, key, O_RDONLY, 0));
+    UniqueFd fd(store_fd_openat(dirfd, key, O_RDONLY));
     if (!fd) return -1;
 
     off_t size = ::lseek(fd.get(), 0, SEEK_END);
@@ -62,7 +63,7 @@ int read_value(const char* op, int dirfd, const char* key, char* buf) {
 // Creates or truncates key and writes text whole; len or -1. The lines of
 // the descriptor helpers carry their own names.
 int write_value(int dirfd, const char* key, const char* text, size_t len) {
-    UniqueFd fd(fd_openat(dirfd, key, O_RDWR | O_CREAT | O_TRUNC, 0666));
+    UniqueFd fd(store_fd_openat(dirfd, key, O_RDWR | O_CREAT | O_TRUNC, 0666));
     if (!fd) return -1;
     // Truncation alone already wrote an empty value.
     if (len > 0 && buf_tx(fd.get(), text, len, 1) != static_cast<ssize_t>(len)) return -1;
@@ -178,7 +179,7 @@ void ReportLoadFailure(const char* op, const char* dirpath, const char* key, int
 
 int StoreMkdir(const char* op, const char* path) {
     TraceMkdir(op, path);
-    if (::mkdir(path, 0777) < 0 && errno != EEXIST) {
+    if (store_mkdir(path, 0777) < 0 && errno != EEXIST) {
         CV_ERROR_AS(op, "mkdir(%s): %s", path, std::strerror(errno));
         return -1;
     }
@@ -186,7 +187,7 @@ int StoreMkdir(const char* op, const char* path) {
 }
 
 int RemoveEmptyDir(const char* op, const char* path) {
-    if (::rmdir(path) == 0 || errno == ENOENT) return 0;
+    if (store_rmdir(path) == 0 || errno == ENOENT) return 0;
     if (errno == ENOTEMPTY || errno == EEXIST) return 1;
     CV_ERROR_AS(op, "rmdir(%s): %s", path, std::strerror(errno));
     return -1;
@@ -230,14 +231,14 @@ int RecordDir::create() {
 
 int RecordDir::open() {
     assert(fd_ < 0);
-    fd_ = fd_open(path_, O_RDONLY | O_DIRECTORY, 0);
+    fd_ = store_fd_open(path_, O_RDONLY | O_DIRECTORY);
     return fd_ < 0 ? -1 : 0;
 }
 
 int RecordDir::open_at(const RecordDir& parent, const char* name) {
     assert(fd_ < 0 && parent.fd_ >= 0);
     if (set_path("%s/%s", parent.path_, name) < 0) return -1;
-    fd_ = fd_openat(parent.fd_, name, O_RDONLY | O_DIRECTORY, 0);
+    fd_ = store_fd_openat(parent.fd_, name, O_RDONLY | O_DIRECTORY);
     return fd_ < 0 ? -1 : 0;
 }
 

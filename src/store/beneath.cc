@@ -13,6 +13,7 @@
 
 #include "base/config.h"
 #include "base/log.h"
+#include "util/misc.h"
 #include "util/unique_fd.h"
 
 namespace corvald {
@@ -148,6 +149,10 @@ bool open_parent(const char* path, Parent* p) {
 
 }  // namespace
 
+namespace {
+int checked_kind(int fd, int flags, const char* shown);
+}  // namespace
+
 void store_force_walk(bool on) { force_walk = on; }
 
 int store_open(const char* path, int flags, mode_t mode) {
@@ -156,19 +161,55 @@ int store_open(const char* path, int flags, mode_t mode) {
         errno = EXDEV;
         return -1;
     }
-    UniqueFd fd(open_beneath(rel, flags | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC, mode));
-    if (!fd)
-        return -1;
+    return checked_kind(open_beneath(rel, flags | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC, mode), flags,
+                        path);
+}
+
+namespace {
+
+// What store_open checks after the open: the kind of file asked for. The
+// descriptor, or -1 (closed) after the error line naming shown.
+int checked_kind(int fd, int flags, const char* shown) {
     struct stat st;
-    if (::fstat(fd.get(), &st) < 0)
-        return -1;
+    if (fd < 0 || ::fstat(fd, &st) < 0)
+        return fd < 0 ? -1 : (::close(fd), -1);
     const bool want_dir = (flags & O_DIRECTORY) != 0;
-    if (want_dir ? !S_ISDIR(st.st_mode) : !S_ISREG(st.st_mode)) {
-        CV_ERROR("Not a %s: %s", want_dir ? "directory" : "regular file", path);
-        errno = EINVAL;
-        return -1;
+    if (want_dir ? S_ISDIR(st.st_mode) : S_ISREG(st.st_mode))
+        return fd;
+    ::close(fd);
+    CV_ERROR_AS("store_open", "Not a %s: %s", want_dir ? "directory" : "regular file", shown);
+    errno = EINVAL;
+    return -1;
+}
+
+}  // namespace
+
+int store_fd_open(const char* path, int flags, mode_t mode) {
+    for (;;) {
+        int fd = store_open(path, flags, mode);
+        if (fd >= 0)
+            return fd;
+        if (errno == EINVAL)
+            return -1;  // store_open said why
+        if (errno != EINTR) {
+            CV_ERROR_AS("fd_open", "open(%s): %s", path, std::strerror(errno));
+            return -1;
+        }
+        CV_WARN_AS("fd_open", "open(%s): %s", path, std::strerror(errno));
     }
-    return fd.release();
+}
+
+int store_fd_openat(int dirfd, const char* name, int flags, mode_t mode) {
+    for (;;) {
+        int fd = ::openat(dirfd, name, flags | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC, mode);
+        if (fd >= 0)
+            return checked_kind(fd, flags, name);
+        if (errno != EINTR) {
+            CV_ERROR_AS("fd_openat", "openat(%s): %s", name, std::strerror(errno));
+            return -1;
+        }
+        CV_WARN_AS("fd_openat", "openat(%s): %s", name, std::strerror(errno));
+    }
 }
 
 int store_mkdir(const char* path, mode_t mode) {
@@ -203,6 +244,15 @@ int store_lstat(const char* path, struct stat* st) {
     Parent p;
     return open_parent(path, &p) ? ::fstatat(p.fd.get(), p.name.c_str(), st, AT_SYMLINK_NOFOLLOW)
                                  : -1;
+}
+
+int store_rm_fr(const char* path) {
+    struct stat st;
+    if (store_lstat(path, &st) < 0 && errno != ENOENT) {
+        CV_ERROR_AS("rm_fr", "lstat(%s): %s", path, std::strerror(errno));
+        return -1;
+    }
+    return rm_fr(path);
 }
 
 int store_rename(const char* from, const char* to) {

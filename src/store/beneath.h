@@ -27,6 +27,12 @@ namespace corvald {
 // a FIFO cannot block the daemon, a link at the last component is ELOOP.
 // Without O_DIRECTORY the result is a regular file, with it a directory.
 int store_open(const char* path, int flags, mode_t mode = 0);
+// fd_open and fd_openat (the same lines: "open(<path>): ..." under fd_open,
+// "openat(<name>): ..." under fd_openat, interrupted opens retried with a
+// warning) for store paths: store_open's checks, and for openat a name that
+// is one component inside an open store directory.
+int store_fd_open(const char* path, int flags, mode_t mode = 0);
+int store_fd_openat(int dirfd, const char* name, int flags, mode_t mode = 0);
 // The system calls of the same names, with the same confinement; the last
 // component itself is never followed.
 int store_mkdir(const char* path, mode_t mode);
@@ -36,6 +42,11 @@ int store_rmdir(const char* path);
 ssize_t store_readlink(const char* path, char* buf, size_t len);
 int store_lstat(const char* path, struct stat* st);
 int store_rename(const char* from, const char* to);
+
+// rm_fr of a store directory, once the path to it is known to pass through
+// no link (rm_fr's walk itself never follows one). What rm_fr returns, or -1
+// after "lstat(<path>): <error>" when the way there is refused.
+int store_rm_fr(const char* path);
 
 // For tests: forces the component-by-component walk even where openat2
 // exists (true), or lets the kernel's resolution be used again (false).

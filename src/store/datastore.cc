@@ -1,3 +1,4 @@
+#include "store/beneath.h"
 #include "store/datastore.h"
 
 #include <fcntl.h>
@@ -106,7 +107,7 @@ int DatastoreUpdate_UnrefNode(const char* dsuuid, const char* nodeuuid) {
         !store_path(members, "%s/Datastore/%s/members", root, dsuuid) ||
         !store_path(record, "%s/Datastore/%s", root, dsuuid))
         return -1;
-    if (::unlink(link) < 0 && errno != ENOENT) {
+    if (store_unlink(link) < 0 && errno != ENOENT) {
         CV_ERROR("unlink(%s): %s", link, std::strerror(errno));
         return -1;
     }
@@ -116,7 +117,7 @@ int DatastoreUpdate_UnrefNode(const char* dsuuid, const char* nodeuuid) {
         return left > 0 ? 0 : -1;
 
     CV_INFO("Delete Datastore %s", dsuuid);
-    if (rm_fr(record) != 0) {
+    if (store_rm_fr(record) != 0) {
         CV_ERROR("Could not remove %s", record);
         return -1;
     }

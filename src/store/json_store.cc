@@ -23,6 +23,7 @@
 #include "base/unique_file.h"
 #include "store/attr.h"
 #include "store/lock.h"
+#include "store/beneath.h"
 #include "util/unique_fd.h"
 
 namespace corvald {
@@ -52,12 +53,13 @@ int JsonPathToFilename(const char* src_path, char* dst_path, size_t dst_len) {
     return 0;
 }
 
-// open(2) with the given flags and permissions, retried when a signal cuts it
-// short, as a stdio stream of mode; nullptr with errno set on failure.
+// store_open(2) with the given flags and permissions (no link followed, a
+// regular file only), retried when a signal cuts it short, as a stdio stream
+// of mode; nullptr with errno set on failure.
 FILE* open_stream(const char* path, int flags, mode_t perm, const char* mode) {
     int fd;
     do {
-        fd = ::open(path, flags | O_CLOEXEC, perm);
+        fd = store_open(path, flags, perm);
     } while (fd < 0 && errno == EINTR);
     if (fd < 0)
         return nullptr;
@@ -78,16 +80,12 @@ bool index_oversized(const char* op, FILE* fp, const char* path) {
     return true;
 }
 
-// Documents and metadata files are named by peers. A symbolic link planted
-// at their place must not turn a store into a write (or a load) elsewhere, so
-// the last component is never followed; the directories above still are (v2
-// may be a link to another disk). O_NONBLOCK keeps a FIFO planted there from
-// holding the daemon; it changes nothing for a regular file.
+// Documents and metadata files are named by peers: like every store file
+// they are reached through no link and must be regular files (store_open).
 FILE* open_document(const char* path, bool write) {
     if (write)
-        return open_stream(path, O_WRONLY | O_CREAT | O_TRUNC | O_NOFOLLOW | O_NONBLOCK, 0666,
-                           "wb");
-    return open_stream(path, O_RDONLY | O_NOFOLLOW | O_NONBLOCK, 0, "rb");
+        return open_stream(path, O_WRONLY | O_CREAT | O_TRUNC, 0666, "wb");
+    return open_stream(path, O_RDONLY, 0, "rb");
 }
 
 // Closes fp; false when the data still buffered could not be written.
@@ -161,7 +159,7 @@ int json_store_is_line_in_file(const char* file_path, const char* search_line,
                                size_t search_line_len) {
     UniqueFile fp(open_stream(file_path, O_RDONLY, 0, "r"));
     if (!fp) {
-        UniqueFd fd(::open(file_path, O_RDWR | O_CREAT | O_CLOEXEC, 0777));
+        UniqueFd fd(store_open(file_path, O_RDWR | O_CREAT, 0777));
         return 0;
     }
     // An index too large to read counts as listing the document: it must
@@ -213,11 +211,11 @@ int json_index_drop_line(const char* index, const char* tmp, const char* line, s
     }
     // The rename makes a leftover copy of an interrupted run the index, and
     // an index that never existed an empty one.
-    if (::unlink(index) < 0) {
+    if (store_unlink(index) < 0) {
         CV_WARN_AS("json_delete_local_files", "failed unlink(%s): %s", index, std::strerror(errno));
         rc = -6;
     }
-    if (::rename(tmp, index) < 0) {
+    if (store_rename(tmp, index) < 0) {
         CV_WARN_AS("json_delete_local_files", "failed rename(%s): %s", tmp, std::strerror(errno));
         rc = -7;
     }
@@ -243,16 +241,20 @@ int mkdir_p(const char* dir, mode_t mode) {
     if (path[len - 1] == '/')
         path[len - 1] = '\0';
     struct stat st;
-    if (::stat(path, &st) == 0 && S_ISDIR(st.st_mode))
+    if (store_lstat(path, &st) == 0 && S_ISDIR(st.st_mode))
         return 0;
-    // Every prefix in turn, then the whole path (p at its end).
-    for (char* p = path + 1;; ++p) {
+    // Every prefix below the store root in turn, then the whole path (p at
+    // its end); the root and what is above it are not the store's to make.
+    const size_t root_len = cfg_work_directory.size();
+    const bool below = std::strncmp(path, cfg_work_directory.c_str(), root_len) == 0 &&
+                       path[root_len] == '/';
+    for (char* p = path + (below ? root_len + 1 : 1);; ++p) {
         if (*p != '/' && *p != '\0')
             continue;
         const char keep = *p;
         *p = '\0';
-        if (::stat(path, &st) < 0) {
-            if (::mkdir(path, mode) < 0) {
+        if (store_lstat(path, &st) < 0) {
+            if (store_mkdir(path, mode) < 0) {
                 CV_ERROR("Failed to make directory %s with mode %3o", path,
                          static_cast<unsigned>(mode));
                 return -1;
@@ -395,7 +397,7 @@ int json_delete_local_files(const jsonEntry* jsonobj) {
     }
     if (lock.take(JsonLockName(file)) < 0)
         return rc;
-    if (::unlink(file) < 0) {
+    if (store_unlink(file) < 0) {
         CV_WARN("failed unlink(%s): %s", file, std::strerror(errno));
         rc = -8;
     }
@@ -404,7 +406,7 @@ int json_delete_local_files(const jsonEntry* jsonobj) {
         CV_ERROR("too big metadata path %s", mtd);
         return -9;
     }
-    if (::unlink(mtd) < 0) {
+    if (store_unlink(mtd) < 0) {
         CV_WARN("failed unlink(%s): %s", mtd, std::strerror(errno));
         rc = -10;
     }
@@ -436,6 +438,14 @@ int json_timeout_check(time_t now) {
     StorePath tree;
     if (!store_path(tree, "%s%s/", root, "/v2")) {
         CV_ERROR("too big DB path %s", root);
+        return -1;
+    }
+    // The walk starts at the tree's path: it must not lead through a link.
+    struct stat st;
+    if (store_lstat(tree, &st) < 0) {
+        if (errno == ENOENT)
+            return 0;
+        CV_ERROR("lstat(%s): %s", tree, std::strerror(errno));
         return -1;
     }
     return ::nftw(tree, json_walk_entry, 10, FTW_PHYS);
@@ -498,9 +508,8 @@ int json_index_path(const char* op, StorePath& index) {
     return -1;
 }
 
-void json_index_lines(const char* index, IndexLink link,
-                      const std::function<bool(char* file)>& each) {
-    UniqueFile fp(open_stream(index, link == IndexLink::kFollow ? 0 : O_NOFOLLOW, 0, "r"));
+void json_index_lines(const char* index, const std::function<bool(char* file)>& each) {
+    UniqueFile fp(open_stream(index, O_RDONLY, 0, "r"));
     if (!fp || index_oversized(__func__, fp.get(), index))
         return;
     for_each_line(fp.get(), [&](char* line, size_t len) {
@@ -518,7 +527,7 @@ int json_load_metadata(const char* file, jsonEntry* jsonobj) {
 }
 
 ssize_t json_read_document(const char* file, char* text, size_t cap) {
-    UniqueFd fd(::open(file, O_RDONLY | O_NOFOLLOW | O_CLOEXEC));
+    UniqueFd fd(store_open(file, O_RDONLY));
     if (!fd)
         return -1;
     size_t got = 0;

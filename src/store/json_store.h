@@ -63,14 +63,10 @@ bool json_file_in_tree(const char* filepath);
 // Builds the path of the local-files index, <work_directory><local_files>;
 // 0, or -1 after "too long path <local_files> for local_files" under op.
 int json_index_path(const char* op, StorePath& index);
-// How a reader opens the index: as the daemon writes it, a link at its place
-// followed, or refusing a link there (a reader that follows none).
-enum class IndexLink { kFollow, kRefuse };
 // Hands each line of the index at index (its line feed removed) to each, in
 // file order, until each returns false. A missing or unreadable index has no
 // lines.
-void json_index_lines(const char* index, IndexLink link,
-                      const std::function<bool(char* file)>& each);
+void json_index_lines(const char* index, const std::function<bool(char* file)>& each);
 // Loads the metadata file of the document file (<file>.mtd) into jsonobj:
 // json_interact_metadata's result, or -2 (silently) when its path does not
 // fit.

@@ -1,3 +1,4 @@
+#include "store/beneath.h"
 #include "store/lock.h"
 
 #include <fcntl.h>
@@ -54,7 +55,7 @@ int fill_lock_file(int fd, const char* lockpath, const char* pid, size_t pid_len
     // The file exists but the attempt fails, so no caller will release it:
     // left in place it would lock this daemon (and everybody else) out of the
     // name for good. It is ours, just created, so removing it is safe.
-    if (rc < 0 && ::unlink(lockpath) < 0) {
+    if (rc < 0 && store_unlink(lockpath) < 0) {
         CV_WARN_AS("PathLock", "unlink(%s): %s", lockpath, std::strerror(errno));
     }
     return rc;
@@ -114,7 +115,7 @@ int PathLock(const char* path, int timeout_ms) {
     long long slept = 0;
     long long step = kFirstWaitMs;
     for (;;) {
-        int fd = ::open(lockpath, O_RDWR | O_CREAT | O_EXCL | O_TRUNC, 0666);
+        int fd = store_open(lockpath, O_RDWR | O_CREAT | O_EXCL | O_TRUNC, 0666);
         if (fd >= 0) return fill_lock_file(fd, lockpath, pid, static_cast<size_t>(pid_len));
         // An interrupted create is no attempt: try again at once.
         if (errno == EINTR) continue;
@@ -147,7 +148,7 @@ void PathUnlock(const char* path) {
         return;
     }
     CV_INFO("Unlock %s", lockpath);
-    if (::unlink(lockpath) < 0) CV_WARN("unlink(%s): %s", lockpath, std::strerror(errno));
+    if (store_unlink(lockpath) < 0) CV_WARN("unlink(%s): %s", lockpath, std::strerror(errno));
 }
 
 LockName NodeLockName(unsigned int nodeid) {

@@ -15,6 +15,7 @@
 #include "base/config.h"
 #include "base/log.h"
 #include "base/unique_file.h"
+#include "store/beneath.h"
 #include "util/unique_fd.h"
 
 namespace corvald {
@@ -88,9 +89,9 @@ bool holder_alive(pid_t pid, time_t taken) {
 pid_t LockFileHolder(const char* name, time_t* mtime) {
     const std::string path = locks_dir() + "/" + name;
     // Not through a link, not blocking on a FIFO: only a regular file counts.
-    UniqueFd fd(::open(path.c_str(), O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC));
+    UniqueFd fd(store_open(path.c_str(), O_RDONLY));
     struct stat st;
-    if (!fd || ::fstat(fd.get(), &st) < 0 || !S_ISREG(st.st_mode))
+    if (!fd || ::fstat(fd.get(), &st) < 0)
         return 0;
     if (mtime != nullptr)
         *mtime = st.st_mtime;
@@ -102,7 +103,10 @@ pid_t LockFileHolder(const char* name, time_t* mtime) {
 std::vector<LockFileInfo> LockFileList() {
     std::vector<LockFileInfo> out;
     const std::string dir = locks_dir();
-    DIR* d = ::opendir(dir.c_str());
+    int dirfd = store_open(dir.c_str(), O_RDONLY | O_DIRECTORY);
+    DIR* d = dirfd < 0 ? nullptr : ::fdopendir(dirfd);
+    if (d == nullptr && dirfd >= 0)
+        ::close(dirfd);
     if (d == nullptr) {
         // No lock directory: no lock to list (a store being set up).
         if (errno != ENOENT)
@@ -134,7 +138,7 @@ int LockFileBreak(const char* name, pid_t pid) {
     if (pid <= 0 || LockFileHolder(name, &taken) != pid || holder_alive(pid, taken))
         return 0;
     const std::string path = locks_dir() + "/" + name;
-    if (::unlink(path.c_str()) < 0) {
+    if (store_unlink(path.c_str()) < 0) {
         if (errno == ENOENT)
             return 0;
         CV_ERROR("unlink(%s): %s", path.c_str(), std::strerror(errno));
@@ -153,7 +157,7 @@ int LockFilesRecover(pid_t old_pid) {
         // This process holds no lock yet, so a file with its pid is stale.
         const bool stale = lf.pid == self ? LockFileHolder(lf.name.c_str()) == self
                                           : LockFileBreak(lf.name.c_str(), lf.pid) == 1;
-        if (lf.pid == self && stale && ::unlink(path.c_str()) < 0) {
+        if (lf.pid == self && stale && store_unlink(path.c_str()) < 0) {
             CV_ERROR("unlink(%s): %s", path.c_str(), std::strerror(errno));
             continue;
         }

@@ -1,3 +1,4 @@
+#include "store/beneath.h"
 #include "store/node.h"
 
 #include <dirent.h>
@@ -85,7 +86,7 @@ int open_existing_node(RecordDir* dir, uint32_t uid) {
     if (dir->set_path("%s/Node/%u", cfg_work_directory.c_str(), uid) < 0)
         return -1;
     for (;;) {
-        int fd = ::open(dir->path(), O_RDONLY | O_DIRECTORY);
+        int fd = store_open(dir->path(), O_RDONLY | O_DIRECTORY);
         if (fd >= 0) {
             dir->adopt(fd);
             return 0;
@@ -200,7 +201,7 @@ int NodeUpdate_UnrefDatastore(const Hdr* hdr) {
     if (!store_path(path, "%s/Node/%u/datastoremember", cfg_work_directory.c_str(), hdr->uid))
         return -1;
     TraceUnlink(__func__, path);
-    if (::unlink(path) < 0 && errno != ENOENT) {
+    if (store_unlink(path) < 0 && errno != ENOENT) {
         CV_ERROR("unlink(%s): %s", path, std::strerror(errno));
         return -1;
     }
@@ -296,7 +297,10 @@ int NodeLoad_VDisks(unsigned int nodeid, VDiskTree* vdtp) {
     StorePath dirpath;
     if (!store_path(dirpath, "%s/Node/%u/vdisks", cfg_work_directory.c_str(), nodeid))
         return -1;
-    UniqueDir dir(::opendir(dirpath));
+    int dirfd = store_open(dirpath, O_RDONLY | O_DIRECTORY);
+    UniqueDir dir(dirfd < 0 ? nullptr : ::fdopendir(dirfd));
+    if (!dir && dirfd >= 0)
+        ::close(dirfd);
     if (!dir) {
         CV_ERROR("opendir(%s): %s", dirpath, std::strerror(errno));
         return -1;
@@ -320,7 +324,7 @@ int NodeLoad_VDisks(unsigned int nodeid, VDiskTree* vdtp) {
             return 0;
         }
         struct stat st;
-        if (::lstat(path, &st) < 0) {
+        if (::fstatat(::dirfd(dir.get()), ent->d_name, &st, AT_SYMLINK_NOFOLLOW) < 0) {
             CV_ERROR("lstat(%s): %s", path, std::strerror(errno));
             return 0;
         }

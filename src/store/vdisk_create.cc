@@ -21,6 +21,7 @@
 #include "base/log.h"
 #include "net/netlib.h"
 #include "store/attr.h"
+#include "store/beneath.h"
 #include "store/lock.h"
 #include "store/node.h"
 #include "store/object.h"
@@ -339,7 +340,7 @@ int VDiskUpdate(VDisk* vdisk, const char* vdiskpath, const char* nodeuuid, int v
     if (missing < 0)
         return -1;
     if (!missing) {
-        mb.reset(fd_openat(mbtopfd, nodeuuid, O_RDONLY | O_DIRECTORY, 0));
+        mb.reset(store_fd_openat(mbtopfd, nodeuuid, O_RDONLY | O_DIRECTORY));
         if (!mb)
             return -1;
         auto seqno = static_cast<unsigned long long>(vde.seqno);
@@ -377,7 +378,7 @@ int VDiskUpdate(VDisk* vdisk, const char* vdiskpath, const char* nodeuuid, int v
             CV_ERROR("mkdir(%s/memberinfo/%s): %s", vdiskpath, nodeuuid, std::strerror(errno));
             return -1;
         }
-        mb.reset(fd_openat(mbtopfd, nodeuuid, O_RDONLY | O_DIRECTORY, 0));
+        mb.reset(store_fd_openat(mbtopfd, nodeuuid, O_RDONLY | O_DIRECTORY));
         if (!mb)
             return -1;
     }
@@ -443,7 +444,7 @@ int create_record(const Hdr* hdr, VDisk* vdisk, RecordDir* rec, RecordDir* mbtop
         return 0;
     if (mbtop->mkdir(nodeuuid) < 0)
         return -1;
-    int mbfd = fd_openat(mbtop->fd(), nodeuuid, O_RDONLY | O_DIRECTORY, 0);
+    int mbfd = store_fd_openat(mbtop->fd(), nodeuuid, O_RDONLY | O_DIRECTORY);
     if (mbfd < 0)
         return -1;
     return MemberinfoCreate(vdisk, rec->path(), rec->fd(), nodeuuid, mbfd);
@@ -476,7 +477,7 @@ int VDiskCreate(const Hdr* hdr, VDisk* vdisk) {
 
     TraceStat(__func__, rec.path());
     struct stat st;
-    bool is_new = ::lstat(rec.path(), &st) < 0;
+    bool is_new = store_lstat(rec.path(), &st) < 0;
     if (is_new) {
         if (errno != ENOENT) {
             CV_ERROR("lstat(%s): %s", rec.path(), std::strerror(errno));
@@ -509,7 +510,7 @@ int ParentUpdate_RefSnapshot(const VDisk* vdisk) {
     if (parent.set_path("%s/VDisk/%s", root, vdisk->parentuuid) < 0)
         return -1;
     struct stat st;
-    if (::lstat(parent.path(), &st) < 0) {
+    if (store_lstat(parent.path(), &st) < 0) {
         // The link is made only while the parent is in the store.
         if (errno == ENOENT)
             return 0;

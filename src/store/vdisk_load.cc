@@ -19,6 +19,7 @@
 #include "net/netlib.h"
 #include "base/list_file.h"
 #include "store/attr.h"
+#include "store/beneath.h"
 #include "store/object.h"
 #include "store/vdisk_fields.h"
 #include "util/io.h"
@@ -39,7 +40,7 @@ constexpr int kListMax = UINT16_MAX;
 // last line has no line feed, after "Malformed file <shown>" under op's name.
 ssize_t load_list(const char* op, int dirfd, const char* key, const char* shown,
                   UniqueChars* text) {
-    UniqueFd fd(fd_openat(dirfd, key, O_RDONLY, 0));
+    UniqueFd fd(store_fd_openat(dirfd, key, O_RDONLY));
     if (!fd) return -1;
     // Read whole, so its size is checked first: a list can be no longer
     // than kListMax lines, and a huge file would be read on every

@@ -13,6 +13,7 @@
 #include "base/config.h"
 #include "base/log.h"
 #include "net/netlib.h"
+#include "store/beneath.h"
 #include "store/attr.h"
 #include "store/lock.h"
 #include "store/vdisk.h"
@@ -39,7 +40,7 @@ bool parent_refused(const char* op, const VDisk* vdisk) {
 // Unlinks path; one that is already gone counts as removed. 0, or -1 after
 // "unlink(<path>): <error>" under op's name.
 int unlink_gone_ok(const char* op, const char* path) {
-    if (::unlink(path) == 0 || errno == ENOENT)
+    if (store_unlink(path) == 0 || errno == ENOENT)
         return 0;
     CV_ERROR_AS(op, "unlink(%s): %s", path, std::strerror(errno));
     return -1;
@@ -56,14 +57,14 @@ int NodeUpdate_UnrefVDisk(const char* nodeuuid, const char* vdiskuuid) {
     if (!store_path(link, "%s/Node/%s/vdisks/%s", cfg_work_directory.c_str(), nodeuuid, vdiskuuid))
         return -1;
     struct stat st;
-    if (::lstat(link, &st) < 0) {
+    if (store_lstat(link, &st) < 0) {
         if (errno == ENOENT)
             return 0;
         CV_ERROR("lstat(%s): %s", link, std::strerror(errno));
         return -1;
     }
     TraceUnlink(__func__, link);
-    if (::unlink(link) < 0) {
+    if (store_unlink(link) < 0) {
         CV_ERROR("unlink(%s): %s", link, std::strerror(errno));
         return -1;
     }
@@ -78,7 +79,7 @@ int DatastoreUpdate_UnrefVDisk(const char* vdiskuuid) {
     if (!store_path(link, "%s/VDisk/%s/datastore", root, vdiskuuid))
         return -1;
     char target[64] = {};
-    if (::readlink(link, target, sizeof target - 1) < 0) {
+    if (store_readlink(link, target, sizeof target - 1) < 0) {
         if (errno == ENOENT)
             return 0;
         CV_ERROR("readlink(%s): %s", link, std::strerror(errno));
@@ -116,7 +117,7 @@ int MemberinfoDelete(const VDisk* vdisk, const char* nodeuuid) {
                     vdisk->vdiskuuid, nodeuuid)) {
         return -1;
     }
-    if (rm_fr(member) != 0) {
+    if (store_rm_fr(member) != 0) {
         // The node keeps its link: it still points at a member that exists.
         CV_ERROR("Could not remove %s", member);
         return -1;
@@ -161,7 +162,7 @@ int VDiskGone(const Hdr* hdr, const VDisk* vdisk) {
     if (!store_path(record, "%s/VDisk/%s", root, vdisk->vdiskuuid))
         return -1;
     CV_INFO("Delete VDisk %s", vdisk->vdiskuuid);
-    int rc = rm_fr(record);
+    int rc = store_rm_fr(record);
     if (rc != 0) {
         CV_ERROR("Could not remove %s", record);
         return rc;
