@@ -5,21 +5,19 @@
 // holds only node 3. Each host must learn the other hosts' nodes, and host
 // 3 the VDisks with both member records; then a JSON document handed in on
 // host 1 must reach every host, and its withdrawal leave none.
-#include <arpa/inet.h>
 #include <gtest/gtest.h>
-#include <unistd.h>
 
 #include <chrono>
-#include <cstring>
 #include <map>
 #include <memory>
+#include <optional>
 #include <string>
 #include <vector>
 
+#include "support/control_client.h"
 #include "support/daemon.h"
 #include "support/netns.h"
 #include "support/seed_store.h"
-#include "util/unique_fd.h"
 
 namespace corvald::test {
 namespace {
@@ -89,16 +87,11 @@ TEST(ClusterHosts, EachLearnsTheOthersAndTheSharedVDiskAndJsonDocumentsReachAll)
     for (auto& d : daemon) EXPECT_TRUE(d->matching("error:").empty());
 
     // Host 1's control port listens on the loopback of its namespace.
-    UniqueFd ctrl;
-    ASSERT_TRUE(in_netns(host[0].pid, [&] {
-        ctrl.reset(::socket(AF_INET, SOCK_STREAM, 0));
-        sockaddr_in sa = {
-            AF_INET, htons(uint16_t(store[0]->cfg.ctrl_port())), {htonl(INADDR_LOOPBACK)}, {}};
-        EXPECT_EQ(::connect(ctrl.get(), reinterpret_cast<sockaddr*>(&sa), sizeof sa), 0);
-    }));
+    std::optional<ControlClient> ctrl;
+    ASSERT_TRUE(in_netns(host[0].pid, [&] { ctrl.emplace(store[0]->cfg.ctrl_port()); }));
     for (const auto& [cmd, text] : {std::pair{"store_json|1|apps/|cfg.json|[1,2,3]\n", "[1,2,3]"},
                                     std::pair{"delete_json|1|apps/|cfg.json|x\n", "<missing>"}}) {
-        ASSERT_EQ(::write(ctrl.get(), cmd, std::strlen(cmd)), ssize_t(std::strlen(cmd)));
+        ASSERT_TRUE(ctrl->send(cmd));
         want.clear();
         for (const char* h : {"1 ", "2 ", "3 "}) want[h + std::string("v2/apps/cfg.json")] = text;
         settle();

@@ -1,53 +1,25 @@
 // corvalctl as a process: its listings of stores built here (records alive,
 // late, silent, locked, malformed, hostile and linked out of the store), its
 // usage and reach errors, and its control commands to the real daemon.
-#include <fcntl.h>
 #include <gtest/gtest.h>
-#include <spawn.h>
-#include <sys/wait.h>
 
 #include <cstring>
 #include <ctime>
 #include <nlohmann/json.hpp>
 
 #include "net/netlib.h"
+#include "support/run.h"
 #include "support/seed_store.h"
 #include "support/udp.h"
-
-extern char** environ;
 
 namespace corvald::test {
 namespace {
 
 using J = nlohmann::ordered_json;
 
-struct CtlRun {
-    int status = -1;
-    std::string out, err;
-};
-
 // corvalctl with args and in on its standard input, run to its end.
-CtlRun ctl(const TempDir& dir, const std::vector<std::string>& args, const std::string& in = "") {
-    dir.write("ctl.in", in);
-    posix_spawn_file_actions_t fa;
-    posix_spawn_file_actions_init(&fa);
-    posix_spawn_file_actions_addopen(&fa, 0, (dir / "ctl.in").c_str(), O_RDONLY, 0);
-    const int w = O_WRONLY | O_CREAT | O_TRUNC;
-    posix_spawn_file_actions_addopen(&fa, 1, (dir / "ctl.out").c_str(), w, 0644);
-    posix_spawn_file_actions_addopen(&fa, 2, (dir / "ctl.err").c_str(), w, 0644);
-    std::vector<char*> argv{const_cast<char*>(CORVALCTL_BIN)};
-    for (const std::string& a : args) argv.push_back(const_cast<char*>(a.c_str()));
-    argv.push_back(nullptr);
-    pid_t pid;
-    int st = 0;
-    CtlRun r;
-    if (posix_spawn(&pid, CORVALCTL_BIN, &fa, nullptr, argv.data(), environ) == 0 &&
-        waitpid(pid, &st, 0) == pid && WIFEXITED(st))
-        r.status = WEXITSTATUS(st);
-    posix_spawn_file_actions_destroy(&fa);
-    r.out = dir.read("ctl.out");
-    r.err = dir.read("ctl.err");
-    return r;
+RunResult ctl(const std::vector<std::string>& args, const std::string& in = "") {
+    return run_to_exit(CORVALCTL_BIN, args, in);
 }
 
 // tmpl with <db> the store, and, d seconds after base: <aN> the age N + d,
@@ -118,7 +90,7 @@ TEST(Ctl, ListingsShowEveryRecordAndFollowNoLinkOutOfTheStore) {
 
     // A listing ends with status 0 and nothing on stderr, whatever its records hold.
     auto list = [&](const std::vector<std::string>& args) {
-        CtlRun r = ctl(s.dir, args);
+        RunResult r = ctl(args);
         EXPECT_EQ(r.status, 0);
         EXPECT_EQ(r.err, "");
         return r.out;
@@ -267,7 +239,7 @@ TEST(Ctl, UsageAndReachErrors) {
         std::vector<std::string> args = c.args;
         if (c.args.empty() || c.args[0] != "nodes")
             args.insert(args.begin(), {"-C", conf});
-        CtlRun r = ctl(s.dir, args, c.in);
+        RunResult r = ctl(args, c.in);
         EXPECT_EQ(r.status, c.status) << c.first_line;
         EXPECT_EQ(r.err.substr(0, r.err.find('\n')), c.first_line);
         EXPECT_EQ(r.err.find("Usage: corvalctl") != std::string::npos, c.status == 1) << r.err;
@@ -283,13 +255,13 @@ TEST(Ctl, ControlCommandsReachTheDaemon) {
     Daemon d({"-dd", "-C", s.conf()}, s.dir);
     for (int type : {msg::DS_PING, msg::AUX_PING, msg::PING})
         EXPECT_EQ(sink.next().value_or("...")[2], type);  // the start-up announcements
-    CtlRun r = ctl(s.dir, {"-C", s.conf(), "ds-ping", "1"});
+    RunResult r = ctl({"-C", s.conf(), "ds-ping", "1"});
     EXPECT_EQ(r.status, 0);
     EXPECT_EQ(r.out, "sent: ds_ping 1\n");
     std::string got = sink.next().value_or("...");
     EXPECT_EQ(got.size(), DS_PING_SIZE);
     EXPECT_EQ(got[2], msg::DS_PING);
-    r = ctl(s.dir, {"-C", s.conf(), "store-json", "1", "apps/", "cfg.json", "-"}, "[1,2,3]\n");
+    r = ctl({"-C", s.conf(), "store-json", "1", "apps/", "cfg.json", "-"}, "[1,2,3]\n");
     EXPECT_EQ(r.out, "sent: store_json|1|apps/|cfg.json|[1,2,3]\n");
     got = sink.next().value_or("...");
     EXPECT_EQ(got.size(), JSON_TEXT_OFFSET + 7);

@@ -238,11 +238,11 @@ const std::vector<LoggedLine>& Daemon::lines() {
     return lines_;
 }
 
-std::vector<std::string> Daemon::matching(const std::string& needle) {
+std::vector<std::string> Daemon::matching(const std::string& needle, size_t from) {
     std::vector<std::string> out;
-    for (const auto& l : lines())
-        if (l.message.find(needle) != std::string::npos)
-            out.push_back(l.message);
+    for (size_t i = from; i < lines().size(); ++i)
+        if (lines_[i].message.find(needle) != std::string::npos)
+            out.push_back(lines_[i].message);
     return out;
 }
 
@@ -307,15 +307,6 @@ std::optional<int> Daemon::wait_exit(milliseconds timeout) {
     while (err_fd_ >= 0 && Clock::now() < deadline) pump(milliseconds(50));
     pump(milliseconds(0));
     return status_;
-}
-
-RunResult run_to_exit(const std::vector<std::string>& args, milliseconds timeout) {
-    TempDir dir;
-    Daemon d(args, dir);
-    RunResult res;
-    res.status = d.wait_exit(timeout).value_or(-1);
-    for (const auto& l : d.lines()) res.err += l.raw + "\n";
-    return res;
 }
 
 }  // namespace corvald::test

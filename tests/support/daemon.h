@@ -79,8 +79,8 @@ public:
     size_t mark();
     // Every line seen so far.
     const std::vector<LoggedLine>& lines();
-    // Messages of the lines seen so far that contain needle.
-    std::vector<std::string> matching(const std::string& needle);
+    // Messages of the lines seen so far, from line `from` on, that contain needle.
+    std::vector<std::string> matching(const std::string& needle, size_t from = 0);
 
     // Waits until the pid file at path holds a complete "<pid>\n" and
     // returns that pid (killed with the runner too: detached daemons are
@@ -113,13 +113,5 @@ private:
     std::string partial_;
     std::vector<LoggedLine> lines_;
 };
-
-// The exit status and everything written to stderr by a run that is
-// expected to end by itself (usage errors, configuration errors).
-struct RunResult {
-    int status = -1;
-    std::string err;
-};
-RunResult run_to_exit(const std::vector<std::string>& args, std::chrono::milliseconds timeout = 20s);
 
 }  // namespace corvald::test

@@ -6,8 +6,6 @@
 #include <sys/socket.h>
 #include <unistd.h>
 
-#include <cassert>
-
 namespace corvald::test {
 
 bool send_datagram(const std::string& bytes, int port, const char* from) {
@@ -26,13 +24,6 @@ bool send_datagram(const std::string& bytes, int port, const char* from) {
     }
     ::close(so);
     return ok;
-}
-
-std::string datagram_of_type(uint8_t type, size_t len) {
-    assert(len >= 3);
-    std::string d(len, '\0');
-    d[2] = static_cast<char>(type);
-    return d;
 }
 
 UdpSink::UdpSink(const char* addr, int port) {

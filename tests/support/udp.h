@@ -13,9 +13,6 @@ namespace corvald::test {
 // to 127.0.0.1:port; false if it could not be sent whole.
 bool send_datagram(const std::string& bytes, int port, const char* from = "127.0.0.3");
 
-// len zero bytes (len >= 3) but for the header's type byte at offset 2.
-std::string datagram_of_type(uint8_t type, size_t len = 207);
-
 // A socket that receives what a daemon sends to addr:port. Bound with
 // SO_REUSEADDR beside the daemon's own socket on the same port (any
 // address): the kernel hands a datagram to the most specific binding.
