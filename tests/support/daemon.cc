@@ -13,10 +13,10 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
-#include <atomic>
 #include <cerrno>
 #include <cstdlib>
 #include <cstring>
+#include <set>
 #include <stdexcept>
 
 #include "util/unique_fd.h"
@@ -60,13 +60,14 @@ std::string strip_ident(const std::string& s) {
 }  // namespace
 
 int free_port() {
-    // Ports from the kernel's ephemeral range, kept apart between calls of
-    // one process so that two daemons of one test never get the same one.
-    static std::atomic<int> last{0};
+    // Ports from the kernel's ephemeral range, never the same twice in one
+    // process: daemons of one test may not have bound theirs yet.
+    static std::set<int> given;
     for (int tries = 0; tries < 1000; ++tries) {
         int port = bound_port(SOCK_DGRAM, INADDR_ANY, 0);
-        if (port > 0 && port != last && bound_port(SOCK_STREAM, INADDR_LOOPBACK, port) == port)
-            return last = port;
+        if (port > 0 && bound_port(SOCK_STREAM, INADDR_LOOPBACK, port) == port &&
+            given.insert(port).second)
+            return port;
     }
     throw std::runtime_error("no free port");
 }
@@ -96,16 +97,8 @@ std::string TestConfig::write(const TempDir& dir, const std::string& name) const
 }
 
 bool syslog_available() {
-    static int cached = -1;
-    if (cached < 0) {
-        pid_t pid = ::fork();
-        if (pid == 0)
-            _exit(::geteuid() == 0 && ::unshare(CLONE_NEWNS) == 0 ? 0 : 1);
-        int st = 0;
-        ::waitpid(pid, &st, 0);
-        cached = WIFEXITED(st) && WEXITSTATUS(st) == 0;
-    }
-    return cached == 1;
+    static const bool ok = ::geteuid() == 0 && std::system("unshare -m true 2>/dev/null") == 0;
+    return ok;
 }
 
 Daemon::Daemon(const std::vector<std::string>& args, const TempDir& work, LogVia via) {
@@ -213,10 +206,6 @@ void Daemon::pump(milliseconds timeout) {
         take_syslog_datagram(buf, static_cast<size_t>(r));
 }
 
-std::optional<LoggedLine> Daemon::wait_for(const std::string& needle, milliseconds timeout) {
-    return wait_for_after(0, needle, timeout);
-}
-
 std::optional<LoggedLine> Daemon::wait_for_after(size_t mark, const std::string& needle,
                                                  milliseconds timeout) {
     auto deadline = Clock::now() + timeout;
@@ -227,10 +216,6 @@ std::optional<LoggedLine> Daemon::wait_for_after(size_t mark, const std::string&
         if (Clock::now() >= deadline || (err_fd_ < 0 && log_fd_ < 0 && exited_))
             return {};
     }
-}
-
-size_t Daemon::mark() {
-    return lines().size();
 }
 
 const std::vector<LoggedLine>& Daemon::lines() {
@@ -287,10 +272,6 @@ bool Daemon::wait_handler(int sig, pid_t pid, milliseconds timeout) {
                (std::stoull(text.substr(at + 7), nullptr, 16) >> (sig - 1)) & 1;
     };
     return until(timeout, caught, [&] { pump(milliseconds(5)); });
-}
-
-void Daemon::signal(int sig, pid_t pid) {
-    ::kill(pid ? pid : child_, sig);
 }
 
 std::optional<int> Daemon::wait_exit(milliseconds timeout) {

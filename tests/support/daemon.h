@@ -11,6 +11,7 @@
 //    can be used here.
 #pragma once
 
+#include <signal.h>
 #include <sys/types.h>
 
 #include <chrono>
@@ -71,12 +72,14 @@ public:
     // First line (from the start of the run) whose message contains needle,
     // waiting for it up to timeout; nullopt if it did not come.
     std::optional<LoggedLine> wait_for(const std::string& needle,
-                                    std::chrono::milliseconds timeout = 20s);
+                                       std::chrono::milliseconds timeout = 20s) {
+        return wait_for_after(0, needle, timeout);
+    }
     // Same, but only lines arrived after the mark (see mark()).
     std::optional<LoggedLine> wait_for_after(size_t mark, const std::string& needle,
                                           std::chrono::milliseconds timeout = 20s);
     // Number of lines seen so far (read everything pending first).
-    size_t mark();
+    size_t mark() { return lines().size(); }
     // Every line seen so far.
     const std::vector<LoggedLine>& lines();
     // Messages of the lines seen so far, from line `from` on, that contain needle.
@@ -94,7 +97,7 @@ public:
     // not reap it); false on timeout.
     bool wait_gone(pid_t pid, std::chrono::milliseconds timeout = 20s);
     // Sends sig to pid (default: the child).
-    void signal(int sig, pid_t pid = 0);
+    void signal(int sig, pid_t pid = 0) { ::kill(pid ? pid : child_, sig); }
     // Waits for the child to end; its exit status, 128+signal if killed,
     // or nullopt on timeout. Reads the remaining log too.
     std::optional<int> wait_exit(std::chrono::milliseconds timeout = 20s);
