@@ -60,8 +60,7 @@ public:
 
     // Starts CORVALD_BIN with args (argv[0] is added). With LogVia::Syslog
     // the run gets its own /dev/log under work.
-    Daemon(const std::vector<std::string>& args, const TempDir& work,
-           LogVia via = LogVia::Stderr);
+    Daemon(const std::vector<std::string>& args, const TempDir& work, LogVia via = LogVia::Stderr);
     ~Daemon();  // kills whatever is still running
     Daemon(const Daemon&) = delete;
     Daemon& operator=(const Daemon&) = delete;
@@ -77,7 +76,7 @@ public:
     }
     // Same, but only lines arrived after the mark (see mark()).
     std::optional<LoggedLine> wait_for_after(size_t mark, const std::string& needle,
-                                          std::chrono::milliseconds timeout = 20s);
+                                             std::chrono::milliseconds timeout = 20s);
     // Number of lines seen so far (read everything pending first).
     size_t mark() { return lines().size(); }
     // Every line seen so far.

@@ -49,8 +49,9 @@ UniqueFd netns_of(const std::string& proc) {
 }
 
 int run_ip(pid_t in, const std::string& args) {
-    const int st = std::system(("nsenter --net=/proc/" + std::to_string(in) + "/ns/net ip " +
-                                args + " >/dev/null 2>&1").c_str());
+    const int st = std::system(
+        ("nsenter --net=/proc/" + std::to_string(in) + "/ns/net ip " + args + " >/dev/null 2>&1")
+            .c_str());
     return WIFEXITED(st) ? WEXITSTATUS(st) : -1;
 }
 

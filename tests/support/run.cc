@@ -8,7 +8,8 @@
 
 namespace corvald::test {
 
-RunResult run_to_exit(const char* bin, const std::vector<std::string>& args, const std::string& in) {
+RunResult run_to_exit(const char* bin, const std::vector<std::string>& args,
+                      const std::string& in) {
     TempDir dir;
     // A run that hangs must fail its test, not hold it.
     std::string cmd = std::string("timeout -s KILL 20 ") + bin;
