@@ -38,7 +38,8 @@ TEST(ClusterHosts, EachLearnsTheOthersAndTheSharedVDiskAndJsonDocumentsReachAll)
     for (int i = 0; i < 3; ++i) {
         ASSERT_EQ(host[i].answer, "netns");
         ASSERT_TRUE(plug(bridge, host[i], addr[i] + "/15"));
-        auto& s = *store.emplace_back(std::make_unique<SeedStore>(std::to_string(i + 1) + "\n", ""));
+        auto& s =
+            *store.emplace_back(std::make_unique<SeedStore>(std::to_string(i + 1) + "\n", ""));
         // A round sent before a peer is up is lost: the next one, a second
         // later, repeats it.
         auto& c = s.cfg.values;

@@ -61,8 +61,11 @@ TEST(Control, CommandsAndConnectionsFromFirstToLast) {
     const Dg svp{33, 340, header(33, 1).vdisk(VDiskBlock(kPlain, {1}, {0x7f000001})).b.substr(207)};
     const std::string msg = "notice: handle_ctrl_cmd(): MSG from CTRL client " + c.id() + ": ",
                       err = "error: handle_ctrl_cmd(): ", ds_msg = msg + "DS_PING Node=1",
-                      ds_sent = "info: send_ds_ping(): Send DS_PING 294B from Node 1 Datastore ds01";
-    auto aux_sent = [](const char* op) { return "info: " + std::string(op) + "(): Send AUX_PING 236B from Node 1"; };
+                      ds_sent =
+                          "info: send_ds_ping(): Send DS_PING 294B from Node 1 Datastore ds01";
+    auto aux_sent = [](const char* op) {
+        return "info: " + std::string(op) + "(): Send AUX_PING 236B from Node 1";
+    };
     const std::tuple<std::string, Lines, std::vector<Dg>> rows[] = {
         {"single_vdisk_ping 1 " + kPlain + "\r\n",
          {msg + "SINGLE_VDISK_PING Node=1 VDisk=" + kPlain,
@@ -86,7 +89,9 @@ TEST(Control, CommandsAndConnectionsFromFirstToLast) {
         {"ds_ping 1 \n", {ds_msg + " "}, {}},  // the node text "1 " is no local node
         {"ds_ping 7\n", {msg + "DS_PING Node=7"}, {}},
         {"ds_pi", {err + "Malformed CTRL MSG ds_pi"}, {}},  // one command in two reads
-        {"ng 1\n", {"notice: handle_ctrl_cmd(): MSG (ignored) from CTRL client " + c.id() + ": ng 1"}, {}},
+        {"ng 1\n",
+         {"notice: handle_ctrl_cmd(): MSG (ignored) from CTRL client " + c.id() + ": ng 1"},
+         {}},
         {"ds_ping 1\nvdisk_deleted 1 x\n", {ds_msg, ds_sent}, {ds}},
     };
     for (const auto& [in, log, sent] : rows) {

@@ -60,10 +60,14 @@ TEST(Controller, ListFilesAreAppliedWholeOrNotAtAll) {
         {"unicast_hosts", "127.0.0.3\n127.000.000.0002\n", bad_host + "127.000.000.0002", two},
         // The longest lines there are: 254 characters and the newline, and
         // 15 characters; a file without entries is an empty list.
-        {"local_nodes", "5" + std::string(253, ' ') + "\n", "",
+        {"local_nodes",
+         "5" + std::string(253, ' ') + "\n",
+         "",
          {"notice: dump_local_nodes(): [1/1] 5"}},
         {"local_nodes", "# nothing here\n", "", {}},
-        {"unicast_hosts", "127.000.000.002\n", "",
+        {"unicast_hosts",
+         "127.000.000.002\n",
+         "",
          {"notice: dump_unicast_hosts(): [1/1] 127.000.000.002"}},
     };
     for (const auto& c : cases) {
@@ -95,10 +99,11 @@ TEST(Controller, StatisticsCountPerTypeAndPerDestination) {
     Daemon d({"-d", "-C", s.conf()}, s.dir);
     for (UdpSink* sink : {&a, &b})
         for (int i = 0; i < 3; ++i) EXPECT_TRUE(sink->next());
-    EXPECT_EQ(d.matching("error: xmit_msg(): sendto(255.255.255.255:"),
-              (Lines{"error: xmit_msg(): sendto(255.255.255.255:" + port + ", 294): Permission denied",
-                     "error: xmit_msg(): sendto(255.255.255.255:" + port + ", 236): Permission denied",
-                     "error: xmit_msg(): sendto(255.255.255.255:" + port + ", 473): Permission denied"}));
+    EXPECT_EQ(
+        d.matching("error: xmit_msg(): sendto(255.255.255.255:"),
+        (Lines{"error: xmit_msg(): sendto(255.255.255.255:" + port + ", 294): Permission denied",
+               "error: xmit_msg(): sendto(255.255.255.255:" + port + ", 236): Permission denied",
+               "error: xmit_msg(): sendto(255.255.255.255:" + port + ", 473): Permission denied"}));
     // One PING, two DS_PINGs and three of unknown types, from a node of no store.
     for (uint8_t type : {4, 16, 16, 5, 200, 0})
         ASSERT_TRUE(send_datagram(header(type, 99).b, s.cfg.bind_port()));

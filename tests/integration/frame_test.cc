@@ -52,7 +52,8 @@ TEST(Frame, RunsThatEndBeforeTheLoop) {
         return c.write(dir, std::to_string(++files) + ".conf");
     };
     const std::string usage = std::string("Usage: ") + CORVALD_BIN + " [-dh] [-C config]\n";
-    const std::string enoent = "): No such file or directory\n", in_use = "): Address already in use\n";
+    const std::string enoent = "): No such file or directory\n",
+                      in_use = "): Address already in use\n";
     const struct {
         std::vector<std::string> args;
         std::string err;  // the whole of stderr, or with -d a line of it
@@ -100,99 +101,97 @@ TEST(Frame, RunsThatEndBeforeTheLoop) {
     EXPECT_EQ(st.st_mode & 07777, 0755u);
 }
 
-// Under -d the mask decides what reaches stderr: the dump is an info line,
-// the reload and stop notices are notices, and -dd passes the loop's debug
-// lines whatever the configured priority. With pings on every pass, two
-// PINGs under -d at info mean a whole idle pass without its debug line. The
-// pid file is rewritten at start and left in place by the stop (SIGTERM or
-// SIGINT). The runs go side by side.
-TEST(Frame, LogMaskFollowsPriorityAndDebugCount) {
+// What is logged where, and the stop. Under -d every message that passes the
+// mask is copied to stderr: the dump is an info line, the reload and stop
+// notices are notices, and -dd passes the loop's debug lines whatever the
+// configured priority; with pings on every pass, two PINGs at info mean a
+// whole idle pass without its debug line. Without -d the daemon detaches (the
+// started process returns 0 at once) and logs to syslog only, each message
+// with the priority of its level word. The pid file, rewritten at start,
+// names the daemon and stays after the stop by SIGTERM or SIGINT. The runs
+// go side by side.
+TEST(Frame, LogMaskDetachingAndTheStop) {
+    const bool syslog = syslog_available();
     const struct {
-        const char *priority, *dash_d;
+        const char *priority, *dash_d;  // "": detached, logging to syslog
         std::vector<std::string> seen;
         const char* unseen;  // "" matches every line: nothing may be logged
         int stop;
     } cases[] = {
         {"notice", "-d", {"notice: load_local_nodes(): Loading"}, "syslog_ident=", SIGTERM},
-        {"notice", "-dd", {"syslog_priority=notice", "debug: controller_thread_loop(): Waiting..."},
-         "error:", SIGINT},
-        {"info", "-d", {"syslog_ident=", "Send PING 473B", "Send PING 473B"}, "Waiting...", SIGTERM},
+        {"notice",
+         "-dd",
+         {"syslog_priority=notice", "debug: controller_thread_loop(): Waiting..."},
+         "error:",
+         SIGINT},
+        {"info",
+         "-d",
+         {"syslog_ident=", "Send PING 473B", "Send PING 473B"},
+         "Waiting...",
+         SIGTERM},
         {"none", "-d", {}, "", SIGTERM},
+        {"info",
+         "",
+         {"syslog_ident=corvald test syslog_facility=daemon syslog_priority=info"},
+         "Waiting...",
+         SIGTERM},
+        {"debug", "", {"debug: controller_thread_loop(): Waiting..."}, "error:", SIGINT},
+        {"warn", "", {}, "", SIGTERM},  // a clean run logs nothing at warn or above
     };
     std::vector<std::unique_ptr<SeedStore>> stores;
     std::vector<std::unique_ptr<Daemon>> daemons;
     for (const auto& c : cases) {
         SeedStore& s = *stores.emplace_back(std::make_unique<SeedStore>());
+        s.cfg.values["syslog_ident"] = "\"corvald test\"";
         s.cfg.values["syslog_priority"] = c.priority;
         s.cfg.values["ping_interval"] = "0";
         s.dir.write("corvald.pid", "a stale pid file longer than any pid\n");
-        daemons.push_back(std::make_unique<Daemon>(std::vector<std::string>{c.dash_d, "-C", s.conf()}, s.dir));
+        std::vector<std::string> args = {c.dash_d, "-C", s.conf()};
+        if (*c.dash_d == '\0')
+            args.erase(args.begin());
+        if (*c.dash_d || syslog)
+            daemons.push_back(std::make_unique<Daemon>(
+                args, s.dir, *c.dash_d ? Daemon::LogVia::Stderr : Daemon::LogVia::Syslog));
     }
-    for (size_t i = 0; i < std::size(cases); ++i) {
+    const std::map<std::string, int> level = {
+        {"error", 3}, {"warn", 4}, {"notice", 5}, {"info", 6}, {"debug", 7}};
+    for (size_t i = 0; i < daemons.size(); ++i) {
         const auto& c = cases[i];
         Daemon& d = *daemons[i];
         SCOPED_TRACE(std::string(c.priority) + " " + c.dash_d);
-        ASSERT_TRUE(d.wait_handler(c.stop));
+        const bool detached = *c.dash_d == '\0', quiet = c.seen.empty();
+        pid_t pid = d.child_pid();
+        if (detached) {
+            EXPECT_EQ(d.wait_exit(), 0);
+            pid = d.wait_pid_file(stores[i]->dir / "corvald.pid").value_or(pid);
+            EXPECT_NE(pid, d.child_pid());
+        }
+        ASSERT_TRUE(d.wait_handler(c.stop, pid));
         size_t m = 0;
         for (const std::string& line : c.seen) {
             ASSERT_TRUE(d.wait_for_after(m, line)) << line;
             m = d.mark();
         }
-        const std::string pid = std::to_string(d.child_pid()) + "\n", pid_file = stores[i]->dir / "corvald.pid";
-        EXPECT_EQ(read_file(pid_file), pid);
-        d.signal(c.stop);
-        EXPECT_EQ(d.wait_exit(), 0);
-        EXPECT_EQ(read_file(pid_file), pid);
+        const std::string pid_file = stores[i]->dir / "corvald.pid";
+        EXPECT_EQ(read_file(pid_file), std::to_string(pid) + "\n");
+        d.signal(c.stop, pid);
+        EXPECT_TRUE(detached ? d.wait_gone(pid) : d.wait_exit() == 0);
+        EXPECT_EQ(read_file(pid_file), std::to_string(pid) + "\n");
+        EXPECT_EQ(d.wait_for(kStopNotices.back(), quiet ? 1s : 20s).has_value(), !quiet);
         EXPECT_EQ(d.matching("notice: controller_"),
-                  std::string(c.priority) == "none" ? std::vector<std::string>{} : kStopNotices);
+                  quiet ? std::vector<std::string>{} : kStopNotices);
         EXPECT_TRUE(d.matching(c.unseen).empty());
-    }
-}
-
-// Without -d the daemon detaches: the started process returns 0 at once,
-// the pid file names the daemon, and every message goes to syslog only, with
-// the priority of its level word, as far as syslog_priority lets it through.
-TEST(Frame, DetachedDaemonLogsToSyslogOnly) {
-    if (!syslog_available())
-        GTEST_SKIP() << "needs root and mount namespaces for a /dev/log of its own";
-    const struct {
-        const char* priority;
-        std::string seen;
-        int seen_priority;
-    } cases[] = {
-        {"info", "syslog_ident=corvald test syslog_facility=daemon syslog_priority=info", 6},
-        {"debug", "debug: controller_thread_loop(): Waiting...", 7},
-        {"warn", "", 0},  // a clean run logs nothing at warn or above
-    };
-    for (const auto& c : cases) {
-        SCOPED_TRACE(c.priority);
-        TempDir dir;
-        TestConfig cfg(dir);
-        cfg.values["syslog_ident"] = "\"corvald test\"";
-        cfg.values["syslog_priority"] = c.priority;
-        Daemon d({"-C", cfg.write(dir)}, dir, Daemon::LogVia::Syslog);
-        EXPECT_EQ(d.wait_exit(), 0);
-        auto pid = d.wait_pid_file(dir / "corvald.pid");
-        ASSERT_TRUE(pid);
-        EXPECT_NE(*pid, d.child_pid());
-        if (!c.seen.empty()) {
-            auto line = d.wait_for(c.seen);
-            ASSERT_TRUE(line);
-            EXPECT_EQ(line->priority, c.seen_priority);
-            // daemon facility (3 << 3) and the priority; the ident with the daemon's pid
-            EXPECT_EQ(line->raw.rfind("<" + std::to_string(24 + c.seen_priority) + ">", 0), 0u)
-                << line->raw;
-            EXPECT_NE(line->raw.find("corvald test[" + std::to_string(*pid) + "]: "),
-                      std::string::npos);
+        // daemon facility (3 << 3), the priority of the level word (the dump's
+        // is info), the ident with the daemon's pid
+        for (const LoggedLine& l : detached ? d.lines() : std::vector<LoggedLine>{}) {
+            auto word = level.find(l.message.substr(0, l.message.find(':')));
+            const int pri = word == level.end() ? 6 : word->second;
+            EXPECT_EQ(l.raw.rfind("<" + std::to_string(24 + pri) + ">", 0), 0u) << l.raw;
+            EXPECT_NE(l.raw.find("corvald test[" + std::to_string(pid) + "]: "), std::string::npos);
         }
-        ASSERT_TRUE(d.wait_handler(SIGTERM, *pid));
-        d.signal(SIGTERM, *pid);
-        EXPECT_TRUE(d.wait_gone(*pid));
-        auto fin = d.wait_for(kStopNotices.back(), 1s);
-        EXPECT_EQ(fin ? fin->priority : -2, c.seen.empty() ? -2 : 5);
-        for (const auto& l : d.lines()) EXPECT_NE(l.priority, -1) << "on stderr: " << l.raw;
-        EXPECT_TRUE(!c.seen.empty() || d.lines().empty());
     }
+    if (!syslog)
+        GTEST_SKIP() << "detached runs need root and mount namespaces for a /dev/log of their own";
 }
 
 }  // namespace
