@@ -6,7 +6,6 @@
 #include <cstdlib>
 #include <memory>
 #include <string>
-#include <tuple>
 #include <vector>
 
 #include "support/daemon.h"
@@ -54,25 +53,18 @@ TEST(Announce, EachNodeAsItsStoreAllowsAndItsVersionSays) {
     UdpSink sink("127.0.0.2", s.cfg.bind_port());
     Daemon d({"-d", "-C", s.conf()}, s.dir);
     std::vector<std::string> got;
-    std::vector<std::tuple<int, int, size_t>> kinds;  // type, node, length
+    std::string kinds;  // "type/node/length" of each
     for (int i = 0; i < 14; ++i) {
-        got.push_back(sink.next().value_or(std::string(8, '\0')));
-        kinds.emplace_back(uint8_t(got[i][2]), uint8_t(got[i][4]), got[i].size());
+        const std::string& g = got.emplace_back(sink.next().value_or(std::string(8, '\0')));
+        kinds += std::to_string(uint8_t(g[2])) + "/" + std::to_string(uint8_t(g[4])) + "/" +
+                 std::to_string(g.size()) + " ";
     }
-    EXPECT_EQ(kinds, (decltype(kinds){{16, 1, 294},
-                                      {35, 1, 236},
-                                      {4, 1, 473},  // whole
-                                      {16, 2, 294},
-                                      {35, 2, 236},
-                                      {4, 2, 473},   // 1.7
-                                      {35, 3, 236},  // no data store, VDisk gone
-                                      {16, 4, 207},
-                                      {35, 4, 236},
-                                      {4, 4, 207},  // bare node
-                                      {16, 5, 207},
-                                      {35, 5, 236},
-                                      {4, 5, 473},
-                                      {32, 1, 207}}));
+    EXPECT_EQ(
+        kinds,
+        "16/1/294 35/1/236 4/1/473 16/2/294 35/2/236 4/2/473 "  // whole; 1.7
+        "35/3/236 "                                             // no data store, VDisk gone
+        "16/4/207 35/4/236 4/4/207 16/5/207 35/5/236 4/5/473 32/1/207 ");  // bare; VDisks without
+                                                                           // DS; heartbeat
     Golden aux = seed_header(236, 35);
     aux.num(208, 28, 4).num(212, 20480, 4).num(216, 2, 4).num(220, 2, 4).num(224, 64, 4);
     aux.num(228, 16384, 4).num(232, 9216, 4);

@@ -3,6 +3,7 @@
 #include <gtest/gtest.h>
 #include <signal.h>
 
+#include <algorithm>
 #include <cstdio>
 #include <string>
 #include <vector>
@@ -23,11 +24,11 @@ using Lines = std::vector<std::string>;
 TEST(Controller, ListFilesAreAppliedWholeOrNotAtAll) {
     TempDir dir;
     TestConfig cfg(dir);
-    const std::string nodes = dir / "local_nodes", hosts = dir / "unicast_hosts";
+    const std::string n = "local_nodes", h = "unicast_hosts", nodes = dir / n, hosts = dir / h;
     const std::string good_nodes = "1\n2\n# comment 99\n\n17 word\n";
     const std::string good_hosts = "127.0.0.2\n# 127.0.0.9\n\n127.1\n";
-    dir.write("local_nodes", good_nodes);
-    dir.write("unicast_hosts", good_hosts);
+    dir.write(n, good_nodes);
+    dir.write(h, good_hosts);
     Daemon d({"-d", "-C", cfg.write(dir)}, dir);
     const Lines three = {"notice: dump_local_nodes(): [1/3] 1",
                          "notice: dump_local_nodes(): [2/3] 2",
@@ -49,38 +50,32 @@ TEST(Controller, ListFilesAreAppliedWholeOrNotAtAll) {
         std::string file, content, error;
         Lines dump;  // of the list the file holds; the old one after an error
     } cases[] = {
-        {"local_nodes", "1\n2", bad_nodes, three},
-        {"local_nodes", "1\n0\n", bad_nodes, three},
-        {"local_nodes", "1\n4294967296\n", bad_nodes, three},  // the low 32 bits are 0
-        {"local_nodes", "5" + std::string(254, ' ') + "\n", bad_nodes, three},  // 255 characters
-        {"local_nodes", "-",
-         "error: load_local_nodes(): fopen(" + nodes + "): No such file or directory", three},
+        {n, "1\n2", bad_nodes, three},
+        {n, "1\n0\n", bad_nodes, three},
+        {n, "1\n4294967296\n", bad_nodes, three},                   // the low 32 bits are 0
+        {n, "5" + std::string(254, ' ') + "\n", bad_nodes, three},  // 255 characters
+        {n, "-", "error: load_local_nodes(): fopen(" + nodes + "): No such file or directory",
+         three},
         // A port is no part of the syntax; 16 characters are too many.
-        {"unicast_hosts", "127.0.0.3\n127.0.0.2:8000\n", bad_host + "127.0.0.2:8000", two},
-        {"unicast_hosts", "127.0.0.3\n127.000.000.0002\n", bad_host + "127.000.000.0002", two},
+        {h, "127.0.0.3\n127.0.0.2:8000\n", bad_host + "127.0.0.2:8000", two},
+        {h, "127.0.0.3\n127.000.000.0002\n", bad_host + "127.000.000.0002", two},
         // The longest lines there are: 254 characters and the newline, and
         // 15 characters; a file without entries is an empty list.
-        {"local_nodes",
-         "5" + std::string(253, ' ') + "\n",
-         "",
-         {"notice: dump_local_nodes(): [1/1] 5"}},
-        {"local_nodes", "# nothing here\n", "", {}},
-        {"unicast_hosts",
-         "127.000.000.002\n",
-         "",
-         {"notice: dump_unicast_hosts(): [1/1] 127.000.000.002"}},
+        {n, "5" + std::string(253, ' ') + "\n", "", {"notice: dump_local_nodes(): [1/1] 5"}},
+        {n, "# nothing here\n", "", {}},
+        {h, "127.000.000.002\n", "", {"notice: dump_unicast_hosts(): [1/1] 127.000.000.002"}},
     };
     for (const auto& c : cases) {
         SCOPED_TRACE(c.content.substr(0, 20));
-        dir.write("local_nodes", good_nodes);
-        dir.write("unicast_hosts", good_hosts);
+        dir.write(n, good_nodes);
+        dir.write(h, good_hosts);
         if (c.content == "-")
             std::remove((dir / c.file).c_str());
         else
             dir.write(c.file, c.content);
         const size_t m = d.mark();
         d.signal(SIGHUP);
-        ASSERT_TRUE(d.wait_for_after(m, c.file == "unicast_hosts" ? c.dump.back() : two.back()));
+        ASSERT_TRUE(d.wait_for_after(m, c.file == h ? c.dump.back() : two.back()));
         EXPECT_EQ(d.matching("error: load_", m), c.error.empty() ? Lines{} : Lines{c.error});
         EXPECT_EQ(d.matching("dump_" + c.file, m), c.dump);
     }
@@ -104,27 +99,20 @@ TEST(Controller, StatisticsCountPerTypeAndPerDestination) {
         (Lines{"error: xmit_msg(): sendto(255.255.255.255:" + port + ", 294): Permission denied",
                "error: xmit_msg(): sendto(255.255.255.255:" + port + ", 236): Permission denied",
                "error: xmit_msg(): sendto(255.255.255.255:" + port + ", 473): Permission denied"}));
-    // One PING, two DS_PINGs and three of unknown types, from a node of no store.
+    // One PING, two DS_PINGs and three of unknown types, from a node of no
+    // store, all handled long before the first report.
     for (uint8_t type : {4, 16, 16, 5, 200, 0})
         ASSERT_TRUE(send_datagram(header(type, 99).b, s.cfg.bind_port()));
-    const std::string idle = "SV_PING=0/0 VDISK_DEL=0/0 HEARTBEAT=0/0 ST_JSON=0/0 ";
-    auto rx = d.wait_for("notice: stats(): RX: ALL=0/6 PING=0/1 DS_PING=0/2 AUX_PING=0/0 " + idle +
-                         "UNKNOWN=0/3");
-    ASSERT_TRUE(rx) << "no report with the totals and empty short counts";
-    // The short counts of the reports add up to the totals: each report
-    // counts its own stretch only.
-    std::vector<long long> sums(9, 0);
-    for (const std::string& line : d.matching("stats(): RX:")) {
-        size_t i = 0;  // "NAME=short/long", the short count first
-        for (size_t eq = line.find('='); eq != std::string::npos; eq = line.find('=', eq + 1))
-            sums.at(i++) += std::stoll(line.substr(eq + 1));
-    }
-    EXPECT_EQ(sums, (std::vector<long long>{6, 1, 2, 0, 0, 0, 0, 0, 3}));
+    ASSERT_TRUE(d.wait_for("notice: stats(): TX: ALL=0/6 "));
+    const Lines rx = d.matching("stats(): RX: "), tx = d.matching("stats(): TX: ");
+    const std::string idle = "SV_PING=0/0 VDISK_DEL=0/0 HEARTBEAT=0/0 ST_JSON=0/0 ",
+                      n = "notice: stats(): ";
+    ASSERT_GE(std::min(rx.size(), tx.size()), 2u);
+    EXPECT_EQ(rx[0], n + "RX: ALL=6/6 PING=1/1 DS_PING=2/2 AUX_PING=0/0 " + idle + "UNKNOWN=3/3");
+    EXPECT_EQ(rx[1], n + "RX: ALL=0/6 PING=0/1 DS_PING=0/2 AUX_PING=0/0 " + idle + "UNKNOWN=0/3");
     // The pings went out once, to two destinations; the line ends in a blank.
-    const Lines tx = d.matching("stats(): TX: ");
-    ASSERT_GE(tx.size(), 2u);
-    EXPECT_EQ(tx[0], "notice: stats(): TX: ALL=6/6 PING=2/2 DS_PING=2/2 AUX_PING=2/2 " + idle);
-    EXPECT_EQ(tx[1], "notice: stats(): TX: ALL=0/6 PING=0/2 DS_PING=0/2 AUX_PING=0/2 " + idle);
+    EXPECT_EQ(tx[0], n + "TX: ALL=6/6 PING=2/2 DS_PING=2/2 AUX_PING=2/2 " + idle);
+    EXPECT_EQ(tx[1], n + "TX: ALL=0/6 PING=0/2 DS_PING=0/2 AUX_PING=0/2 " + idle);
     ASSERT_TRUE(d.wait_handler(SIGUSR1));
     const size_t m = d.mark();
     d.signal(SIGUSR1);
