@@ -63,20 +63,18 @@ TEST(Control, CommandsAndConnectionsFromFirstToLast) {
                       err = "error: handle_ctrl_cmd(): ", ds_msg = msg + "DS_PING Node=1",
                       ds_sent =
                           "info: send_ds_ping(): Send DS_PING 294B from Node 1 Datastore ds01";
-    auto aux_sent = [](const char* op) {
-        return "info: " + std::string(op) + "(): Send AUX_PING 236B from Node 1";
-    };
+    const std::string aux_sent = "(): Send AUX_PING 236B from Node 1";
     const std::tuple<std::string, Lines, std::vector<Dg>> rows[] = {
         {"single_vdisk_ping 1 " + kPlain + "\r\n",
          {msg + "SINGLE_VDISK_PING Node=1 VDisk=" + kPlain,
           "info: send_single_vdisk_ping(): Send SINGLE_VDISK_PING 340B from Node 1 VDisk " + kPlain,
-          aux_sent("send_single_vdisk_ping")},
+          "info: send_single_vdisk_ping" + aux_sent},
          {svp, aux}},
         {"DS_PING 1\n", {ds_msg, ds_sent}, {ds}},
         {"vdisk_deleted 1 14-characters!\n",
          {msg + "VDISK_DELETED Node=1 VDisk=14-characters!",
           "info: send_vdisk_deleted(): Send VDISK_DELETED 225B from Node 1 VDisk 14-characters!",
-          aux_sent("send_vdisk_deleted")},
+          "info: send_vdisk_deleted" + aux_sent},
          {vdd, aux}},
         {"Vdisk_Deleted 1 15-characters!!\n",
          {msg + "VDISK_DELETED Node=1 VDisk=15-characters!!",

@@ -3,7 +3,6 @@
 // usage and reach errors, and its control commands to the real daemon.
 #include <gtest/gtest.h>
 
-#include <cstring>
 #include <ctime>
 #include <nlohmann/json.hpp>
 
@@ -11,6 +10,7 @@
 #include "support/run.h"
 #include "support/seed_store.h"
 #include "support/udp.h"
+#include "support/wire.h"
 
 namespace corvald::test {
 namespace {
@@ -46,13 +46,10 @@ testing::AssertionResult shows(const std::string& out, const std::string& tmpl,
     return testing::AssertionFailure() << "got:\n" << out << "want:\n" << fill(tmpl, db, base, 0);
 }
 
-std::string metadata(const char* node, const char* path, const char* file, int64_t lastping) {
-    jsonEntry je = {};
-    std::strcpy(je.nodeuuid, node);
-    std::strcpy(je.path, path);
-    std::strcpy(je.filename, file);
-    je.lastping = lastping;
-    return std::string(reinterpret_cast<const char*>(&je), sizeof je);
+// A document's metadata file: its jsonEntry of 146 bytes.
+std::string metadata(const std::string& node, const std::string& path, const std::string& file,
+                     int64_t lastping) {
+    return Golden(146).text(2, node).text(18, path).text(82, file).num(114, lastping, 8).b;
 }
 
 TEST(Ctl, ListingsShowEveryRecordAndFollowNoLinkOutOfTheStore) {
