@@ -121,10 +121,8 @@ Daemon::Daemon(const std::vector<std::string>& args, const TempDir& work, LogVia
     int p[2];
     if (::pipe2(p, O_CLOEXEC) < 0)
         throw std::runtime_error("pipe");
-    std::vector<std::string> argv_s = {CORVALD_BIN};
-    argv_s.insert(argv_s.end(), args.begin(), args.end());
-    std::vector<char*> argv;
-    for (auto& a : argv_s) argv.push_back(a.data());
+    std::vector<char*> argv = {const_cast<char*>(CORVALD_BIN)};
+    for (const std::string& a : args) argv.push_back(const_cast<char*>(a.c_str()));
     argv.push_back(nullptr);
 
     child_ = ::fork();
@@ -172,17 +170,14 @@ void Daemon::take_stderr_bytes(const char* p, size_t n) {
         // With a log socket, messages arrive there with their priorities;
         // stderr then only carries what is written before the log is open.
         if (log_fd_ < 0 || message == raw)
-            lines_.push_back({message, -1, raw});
+            lines_.push_back({message, raw});
     }
 }
 
 void Daemon::take_syslog_datagram(const char* p, size_t n) {
     // "<pri>Mmm dd hh:mm:ss ident[pid]: message"
-    std::string raw(p, n);
-    int pri = raw.size() > 2 && raw[0] == '<' ? std::atoi(raw.c_str() + 1) & 7 : -1;
-    size_t gt = raw.find('>');
-    std::string rest = gt == std::string::npos ? raw : raw.substr(gt + 1);
-    lines_.push_back({strip_ident(rest.size() > 16 ? rest.substr(16) : rest), pri, raw});
+    const std::string raw(p, n);
+    lines_.push_back({strip_ident(raw), raw});
 }
 
 void Daemon::pump(milliseconds timeout) {

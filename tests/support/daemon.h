@@ -26,12 +26,10 @@ namespace corvald::test {
 
 using namespace std::chrono_literals;
 
-// One logged line: the message without the "ident[pid]: " prefix, the
-// priority (-1 when it came from stderr, where it is not shown) and the
-// text exactly as it arrived.
+// One logged line: the message without the "ident[pid]: " prefix, and the
+// text exactly as it arrived (from syslog with its "<priority>" and time).
 struct LoggedLine {
     std::string message;
-    int priority = -1;
     std::string raw;
 };
 

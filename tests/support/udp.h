@@ -7,6 +7,8 @@
 #include <optional>
 #include <string>
 
+#include "util/unique_fd.h"
+
 namespace corvald::test {
 
 // Sends bytes as one datagram from a fresh socket bound to from (any port)
@@ -19,15 +21,12 @@ bool send_datagram(const std::string& bytes, int port, const char* from = "127.0
 class UdpSink {
 public:
     UdpSink(const char* addr, int port);
-    ~UdpSink();
-    UdpSink(const UdpSink&) = delete;
-    UdpSink& operator=(const UdpSink&) = delete;
-    bool ok() const { return so_ >= 0; }
+    bool ok() const { return so_.valid(); }
     // The next datagram, or nullopt when none came within timeout.
     std::optional<std::string> next(std::chrono::milliseconds timeout = std::chrono::seconds(20));
 
 private:
-    int so_ = -1;
+    UniqueFd so_;
 };
 
 }  // namespace corvald::test
