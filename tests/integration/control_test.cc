@@ -8,8 +8,10 @@
 #include <algorithm>
 #include <filesystem>
 
+#include "net/netlib.h"
 #include "support/control_client.h"
 #include "support/daemon.h"
+#include "support/run.h"
 #include "support/seed_store.h"
 #include "support/udp.h"
 #include "support/wire.h"
@@ -109,6 +111,16 @@ TEST(Control, CommandsAndConnectionsFromFirstToLast) {
         }
     }
     c.close();
+    // corvalctl writes the same lines, each on a connection of its own: a
+    // DS_PING, and a STORE_JSON of the text read from its standard input.
+    RunResult r = run_to_exit(CORVALCTL_BIN, {"-C", s.conf(), "ds-ping", "1"});
+    EXPECT_EQ(r.out + std::to_string(r.status), "sent: ds_ping 1\n0");
+    EXPECT_EQ(sink.next().value_or("").size(), 294u);
+    r = run_to_exit(CORVALCTL_BIN, {"-C", s.conf(), "store-json", "1", "a/", "b.json", "-"},
+                    "[1]\n");
+    EXPECT_EQ(r.out + std::to_string(r.status), "sent: store_json|1|a/|b.json|[1]\n0");
+    const std::string json = sink.next().value_or("");
+    EXPECT_EQ(json.substr(std::min(json.size(), JSON_TEXT_OFFSET)), "[1]");
 
     std::vector<ControlClient> held;  // clients that never write
     connect_all(d, s.cfg.ctrl_port(), &held, room + 10);
@@ -121,7 +133,7 @@ TEST(Control, CommandsAndConnectionsFromFirstToLast) {
     ASSERT_TRUE(last.send("ds_ping 1\n"));
     ASSERT_TRUE(sink.next());
     EXPECT_EQ(open_fds(), FD_SETSIZE - 2u);  // the held clients and the last
-    EXPECT_EQ(d.matching("notice: controller_thread_loop(): EOF from CTRL client ").size(), 24u);
+    EXPECT_EQ(d.matching("notice: controller_thread_loop(): EOF from CTRL client ").size(), 26u);
 
     // Every connection's closing notice once: at its end, or at the shutdown
     // between "Exit..." and the teardown.
@@ -129,7 +141,7 @@ TEST(Control, CommandsAndConnectionsFromFirstToLast) {
     d.signal(SIGTERM);
     ASSERT_EQ(d.wait_exit(), 0);
     const std::string closing = "notice: CtrlConnFree(): Closing CTRL connection from ";
-    EXPECT_EQ(d.matching(closing).size(), room + 32);
+    EXPECT_EQ(d.matching(closing).size(), room + 34);
     EXPECT_EQ(d.matching("", m).at(room - 1),
               "notice: controller_module_teardown(): Starting shutdown sequence...");
 }

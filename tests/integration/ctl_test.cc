@@ -1,6 +1,7 @@
 // corvalctl as a process: its listings of stores built here (records alive,
 // late, silent, locked, malformed, hostile and linked out of the store), its
-// usage and reach errors, and its control commands to the real daemon.
+// usage and reach errors. (Its control commands reach a daemon in
+// control_test.)
 #include <gtest/gtest.h>
 
 #include <ctime>
@@ -9,7 +10,6 @@
 #include "net/netlib.h"
 #include "support/run.h"
 #include "support/seed_store.h"
-#include "support/udp.h"
 #include "support/wire.h"
 
 namespace corvald::test {
@@ -189,27 +189,6 @@ TEST(Ctl, UsageAndReachErrors) {
         EXPECT_EQ(r.err.find("Usage: corvalctl") != std::string::npos, c.status == 1) << r.err;
         EXPECT_EQ(r.out, "");
     }
-}
-
-// The daemon turns each line into its datagram: a DS_PING of the seed's node
-// and its data store, and a STORE_JSON carrying the text read from stdin.
-TEST(Ctl, ControlCommandsReachTheDaemon) {
-    SeedStore s;
-    UdpSink sink("127.0.0.2", s.cfg.bind_port());
-    Daemon d({"-d", "-C", s.conf()}, s.dir);
-    for (int type : {msg::DS_PING, msg::AUX_PING, msg::PING})
-        EXPECT_EQ(sink.next().value_or("...")[2], type);  // the start-up announcements
-    RunResult r = ctl({"-C", s.conf(), "ds-ping", "1"});
-    EXPECT_EQ(r.status, 0);
-    EXPECT_EQ(r.out, "sent: ds_ping 1\n");
-    std::string got = sink.next().value_or("...");
-    EXPECT_EQ(got.size(), DS_PING_SIZE);
-    EXPECT_EQ(got[2], msg::DS_PING);
-    r = ctl({"-C", s.conf(), "store-json", "1", "apps/", "cfg.json", "-"}, "[1,2,3]\n");
-    EXPECT_EQ(r.out, "sent: store_json|1|apps/|cfg.json|[1,2,3]\n");
-    got = sink.next().value_or("...");
-    EXPECT_EQ(got[2], msg::STORE_JSON);
-    EXPECT_EQ(got.substr(std::min(got.size(), JSON_TEXT_OFFSET)), "[1,2,3]");
 }
 
 }  // namespace

@@ -213,11 +213,6 @@ std::optional<LoggedLine> Daemon::wait_for_after(size_t mark, const std::string&
     }
 }
 
-const std::vector<LoggedLine>& Daemon::lines() {
-    pump(milliseconds(0));
-    return lines_;
-}
-
 std::vector<std::string> Daemon::matching(const std::string& needle, size_t from) {
     std::vector<std::string> out;
     for (size_t i = from; i < lines().size(); ++i)
@@ -237,7 +232,11 @@ bool until(milliseconds timeout, Done done, Step step) {
 
 std::optional<pid_t> Daemon::wait_pid_file(const std::string& path, milliseconds timeout) {
     std::string text;
-    auto complete = [&] { return (text = read_file(path)).size() > 1 && text.back() == '\n'; };
+    auto complete = [&] {  // digits and a line feed: not a stale file, nor half written
+        text = read_file(path);
+        return text.size() > 1 && text.find_first_not_of("0123456789") == text.size() - 1 &&
+               text.back() == '\n';
+    };
     if (!until(timeout, complete, [&] { pump(milliseconds(5)); }))
         return std::nullopt;
     pid_t pid = std::stoi(text);

@@ -78,7 +78,10 @@ public:
     // Number of lines seen so far (read everything pending first).
     size_t mark() { return lines().size(); }
     // Every line seen so far.
-    const std::vector<LoggedLine>& lines();
+    const std::vector<LoggedLine>& lines() {
+        pump(std::chrono::milliseconds(0));
+        return lines_;
+    }
     // Messages of the lines seen so far, from line `from` on, that contain needle.
     std::vector<std::string> matching(const std::string& needle, size_t from = 0);
 
