@@ -4,7 +4,6 @@
 #include <gtest/gtest.h>
 #include <netinet/in.h>
 #include <sys/socket.h>
-#include <unistd.h>
 
 namespace corvald::test {
 
@@ -14,10 +13,6 @@ ControlClient::ControlClient(int port) : so_(::socket(AF_INET, SOCK_STREAM | SOC
     EXPECT_EQ(::connect(so_.get(), reinterpret_cast<sockaddr*>(&sa), len), 0) << "port " << port;
     ::getsockname(so_.get(), reinterpret_cast<sockaddr*>(&sa), &len);
     id_ = "127.0.0.1:" + std::to_string(ntohs(sa.sin_port));
-}
-
-bool ControlClient::send(const std::string& bytes) {
-    return ::write(so_.get(), bytes.data(), bytes.size()) == ssize_t(bytes.size());
 }
 
 }  // namespace corvald::test

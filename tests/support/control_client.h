@@ -2,6 +2,8 @@
 // in the caller's network namespace.
 #pragma once
 
+#include <unistd.h>
+
 #include <string>
 
 #include "util/unique_fd.h"
@@ -14,7 +16,9 @@ public:
     // "127.0.0.1:<port>", the client as the daemon names it in its log.
     const std::string& id() const { return id_; }
     // Writes bytes in one write (one read for the daemon); false unless whole.
-    bool send(const std::string& bytes);
+    bool send(const std::string& b) {
+        return ::write(so_.get(), b.data(), b.size()) == ssize_t(b.size());
+    }
     // Hangs up.
     void close() { so_.reset(); }
 
