@@ -83,7 +83,7 @@ TEST(ClusterHosts, EachLearnsTheOthersAndTheSharedVDiskAndJsonDocumentsReachAll)
         EXPECT_EQ(now(), want);
     };
     settle();
-    for (auto& d : daemon) EXPECT_TRUE(d->matching("error:").empty());
+    for (auto& d : daemon) EXPECT_EQ(d->matching("error:"), std::vector<std::string>{});
 
     // Host 1's control port listens on the loopback of its namespace.
     std::optional<ControlClient> ctrl;

@@ -110,7 +110,12 @@ TEST(Control, CommandsAndConnectionsFromFirstToLast) {
             EXPECT_EQ(seen, Dg(type, len, bytes)) << in;
         }
     }
+    const size_t before_close = d.mark();
     c.close();
+    ASSERT_TRUE(d.wait_for_after(before_close, "Closing CTRL connection from " + c.id()));
+    EXPECT_EQ(d.matching(c.id(), before_close),
+              (Lines{"notice: controller_thread_loop(): EOF from CTRL client " + c.id(),
+                     "notice: CtrlConnFree(): Closing CTRL connection from " + c.id()}));
     // corvalctl writes the same lines, each on a connection of its own: a
     // DS_PING, and a STORE_JSON of the text read from its standard input.
     RunResult r = run_to_exit(CORVALCTL_BIN, {"-C", s.conf(), "ds-ping", "1"});
