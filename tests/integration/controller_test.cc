@@ -83,14 +83,15 @@ TEST(Controller, ListFilesAreAppliedWholeOrNotAtAll) {
 
 // With stats_interval 0 every pass from the seventh second on reports one RX
 // and one TX line of short/long counts, the short ones since the report
-// before. A received datagram counts under its type; a sent one once per
-// destination reached (the broadcast address refuses it and is skipped), and
-// SIGUSR1 sends the pings again.
+// before. A received datagram counts under its type (the one test of that
+// mapping); a sent one once per destination reached (the broadcast address
+// refuses it and is skipped), and SIGUSR1 sends the pings again.
 TEST(Controller, StatisticsCountPerTypeAndPerDestination) {
     SeedStore s("1\n", "255.255.255.255\n127.0.0.2\n127.0.0.4\n");
     s.cfg.values["stats_interval"] = "0";
-    const std::string port = std::to_string(s.cfg.bind_port());
-    UdpSink a("127.0.0.2", s.cfg.bind_port()), b("127.0.0.4", s.cfg.bind_port());
+    const int bind_port = s.cfg.bind_port();
+    const std::string port = std::to_string(bind_port);
+    UdpSink a("127.0.0.2", bind_port), b("127.0.0.4", bind_port);
     Daemon d({"-d", "-C", s.conf()}, s.dir);
     for (UdpSink* sink : {&a, &b})
         for (int i = 0; i < 3; ++i) EXPECT_TRUE(sink->next());
@@ -99,17 +100,24 @@ TEST(Controller, StatisticsCountPerTypeAndPerDestination) {
         (Lines{"error: xmit_msg(): sendto(255.255.255.255:" + port + ", 294): Permission denied",
                "error: xmit_msg(): sendto(255.255.255.255:" + port + ", 236): Permission denied",
                "error: xmit_msg(): sendto(255.255.255.255:" + port + ", 473): Permission denied"}));
-    // One PING, two DS_PINGs and three of unknown types, from a node of no
-    // store, all handled long before the first report.
-    for (uint8_t type : {4, 16, 16, 5, 200, 0})
-        ASSERT_TRUE(send_datagram(header(type, 99).b, s.cfg.bind_port()));
+    // Of the n-th known type in the line's order n datagrams, and 8 of unknown
+    // types (DELETE_JSON counts as ST_JSON), all from a node of no store and
+    // handled long before the first report; 206 bytes are no header and count
+    // nowhere.
+    const std::pair<int, int> sent[] = {{4, 1},  {16, 2}, {35, 3}, {33, 4},  {34, 5}, {32, 6},
+                                        {36, 3}, {37, 4}, {5, 4},  {200, 2}, {0, 2}};
+    for (auto [type, n] : sent)
+        for (int i = 0; i < n; ++i) ASSERT_TRUE(send_datagram(header(type, 99).b, bind_port));
+    ASSERT_TRUE(send_datagram(header(4, 99, 206).b, bind_port));
     ASSERT_TRUE(d.wait_for("notice: stats(): TX: ALL=0/6 "));
     const Lines rx = d.matching("stats(): RX: "), tx = d.matching("stats(): TX: ");
     const std::string idle = "SV_PING=0/0 VDISK_DEL=0/0 HEARTBEAT=0/0 ST_JSON=0/0 ",
                       n = "notice: stats(): ";
     ASSERT_GE(std::min(rx.size(), tx.size()), 2u);
-    EXPECT_EQ(rx[0], n + "RX: ALL=6/6 PING=1/1 DS_PING=2/2 AUX_PING=0/0 " + idle + "UNKNOWN=3/3");
-    EXPECT_EQ(rx[1], n + "RX: ALL=0/6 PING=0/1 DS_PING=0/2 AUX_PING=0/0 " + idle + "UNKNOWN=0/3");
+    EXPECT_EQ(rx[0], n + "RX: ALL=36/36 PING=1/1 DS_PING=2/2 AUX_PING=3/3 SV_PING=4/4 "
+                         "VDISK_DEL=5/5 HEARTBEAT=6/6 ST_JSON=7/7 UNKNOWN=8/8");
+    EXPECT_EQ(rx[1], n + "RX: ALL=0/36 PING=0/1 DS_PING=0/2 AUX_PING=0/3 SV_PING=0/4 "
+                         "VDISK_DEL=0/5 HEARTBEAT=0/6 ST_JSON=0/7 UNKNOWN=0/8");
     // The pings went out once, to two destinations; the line ends in a blank.
     EXPECT_EQ(tx[0], n + "TX: ALL=6/6 PING=2/2 DS_PING=2/2 AUX_PING=2/2 " + idle);
     EXPECT_EQ(tx[1], n + "TX: ALL=0/6 PING=0/2 DS_PING=0/2 AUX_PING=0/2 " + idle);
