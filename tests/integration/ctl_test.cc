@@ -1,78 +1,41 @@
 // corvalctl as a process: its listings of stores built here (records alive,
 // late, silent, locked, malformed, hostile and linked out of the store), its
-// usage and reach errors, and its control commands to the real daemon.
-#include <fcntl.h>
+// usage and reach errors. (Its control commands reach a daemon in
+// control_test.)
 #include <gtest/gtest.h>
-#include <spawn.h>
-#include <sys/wait.h>
 
-#include <cstring>
 #include <ctime>
 #include <nlohmann/json.hpp>
 
 #include "net/netlib.h"
+#include "support/run.h"
 #include "support/seed_store.h"
-#include "support/udp.h"
-
-extern char** environ;
+#include "support/wire.h"
 
 namespace corvald::test {
 namespace {
 
 using J = nlohmann::ordered_json;
 
-struct CtlRun {
-    int status = -1;
-    std::string out, err;
-};
-
-// corvalctl with args and in on its standard input, run to its end.
-CtlRun ctl(const TempDir& dir, const std::vector<std::string>& args, const std::string& in = "") {
-    dir.write("ctl.in", in);
-    posix_spawn_file_actions_t fa;
-    posix_spawn_file_actions_init(&fa);
-    posix_spawn_file_actions_addopen(&fa, 0, (dir / "ctl.in").c_str(), O_RDONLY, 0);
-    const int w = O_WRONLY | O_CREAT | O_TRUNC;
-    posix_spawn_file_actions_addopen(&fa, 1, (dir / "ctl.out").c_str(), w, 0644);
-    posix_spawn_file_actions_addopen(&fa, 2, (dir / "ctl.err").c_str(), w, 0644);
-    std::vector<char*> argv{const_cast<char*>(CORVALCTL_BIN)};
-    for (const std::string& a : args) argv.push_back(const_cast<char*>(a.c_str()));
-    argv.push_back(nullptr);
-    pid_t pid;
-    int st = 0;
-    CtlRun r;
-    if (posix_spawn(&pid, CORVALCTL_BIN, &fa, nullptr, argv.data(), environ) == 0 &&
-        waitpid(pid, &st, 0) == pid && WIFEXITED(st))
-        r.status = WEXITSTATUS(st);
-    posix_spawn_file_actions_destroy(&fa);
-    r.out = dir.read("ctl.out");
-    r.err = dir.read("ctl.err");
-    return r;
+RunResult ctl(const std::vector<std::string>& args, const std::string& in = "") {
+    return run_to_exit(CORVALCTL_BIN, args, in);
 }
 
-// tmpl with <db> the store, and, d seconds after base: <aN> the age N + d,
-// <lN> the time base - N, <eN> the time left N - d.
-std::string fill(const std::string& tmpl, const std::string& db, time_t base, long d) {
-    std::string out;
-    for (size_t i = 0; i < tmpl.size(); ++i) {
-        size_t end = tmpl.find('>', i);
-        if (tmpl[i] != '<' || end == std::string::npos) {
-            out += tmpl[i];
-            continue;
-        }
-        const char kind = tmpl[i + 1];
-        const long n = kind == 'd' ? 0 : std::stol(tmpl.substr(i + 2, end - i - 2));
-        out += kind == 'd'   ? db
-               : kind == 'a' ? std::to_string(n + d)
-               : kind == 'l' ? std::to_string(base - n)
-                             : std::to_string(n - d);
-        i = end;
+// t with <db> the store and, d seconds after base, <aN> the age N + d, <lN>
+// the time base - N and <eN> the time left N - d.
+std::string fill(std::string t, const std::string& db, time_t base, long d) {
+    for (size_t i; (i = t.find('<')) != std::string::npos;) {
+        const size_t end = t.find('>', i);
+        const char kind = t[i + 1];
+        const long n = kind == 'd' ? 0 : std::stol(t.substr(i + 2, end - i - 2));
+        const long v = kind == 'a' ? n + d : kind == 'l' ? base - n : n - d;
+        t.replace(i, end + 1 - i, kind == 'd' ? db : std::to_string(v));
     }
-    return out;
+    return t;
 }
 
-// Whether out is tmpl as seen at some second between base and the end of
-// the run, compared as JSON documents (order of fields included) or as text.
+// Whether out is tmpl as seen at some second between base and now, compared
+// as JSON documents (order of fields included) or as text.
 testing::AssertionResult shows(const std::string& out, const std::string& tmpl,
                                const std::string& db, time_t base, bool json = true) {
     for (long d = 0; d <= std::time(nullptr) - base; ++d) {
@@ -83,13 +46,10 @@ testing::AssertionResult shows(const std::string& out, const std::string& tmpl,
     return testing::AssertionFailure() << "got:\n" << out << "want:\n" << fill(tmpl, db, base, 0);
 }
 
-std::string metadata(const char* node, const char* path, const char* file, int64_t lastping) {
-    jsonEntry je = {};
-    std::strcpy(je.nodeuuid, node);
-    std::strcpy(je.path, path);
-    std::strcpy(je.filename, file);
-    je.lastping = lastping;
-    return std::string(reinterpret_cast<const char*>(&je), sizeof je);
+// A document's metadata file: its jsonEntry of 146 bytes.
+std::string metadata(const std::string& node, const std::string& path, const std::string& file,
+                     int64_t lastping) {
+    return Golden(146).text(2, node).text(18, path).text(82, file).num(114, lastping, 8).b;
 }
 
 TEST(Ctl, ListingsShowEveryRecordAndFollowNoLinkOutOfTheStore) {
@@ -103,12 +63,11 @@ TEST(Ctl, ListingsShowEveryRecordAndFollowNoLinkOutOfTheStore) {
         "ln -s ../../outside Node/6 && rm Node/3/datastoremember && echo x > Node/5/freespace && "
         "echo 1 > locks/NODE-4 && printf 'n\\007\\377\\033[0m\\n' > Datastore/ds01/name && "
         "cp -a Datastore/ds01 Datastore/ds02 && ln -sf ../../../outside/x Datastore/ds02/stripes "
-        "&& "
-        "printf '1\\n2\\n' > VDisk/5f3a9c0e1b2d47/membership && printf '1\\n9\\n' > "
-        "VDisk/0c71e2aa9f3b10/membership && cp -a VDisk/5f3a9c0e1b2d47 VDisk/bad && "
-        "echo lots > VDisk/bad/sectors && echo 7 > VDisk/5f3a9c0e1b2d47/memberinfo/2/status && "
-        "echo 305 > VDisk/5f3a9c0e1b2d47/memberinfo/2/membership_gen_count && "
-        "head -c 10 /dev/zero > v2/short.mtd && ln -s ../../outside/x v2/evil.mtd");
+        "&& cd VDisk && printf '1\\n2\\n' > 5f3a9c0e1b2d47/membership && cp -a 5f3a9c0e1b2d47 bad "
+        "&& printf '1\\n9\\n' > 0c71e2aa9f3b10/membership && echo lots > bad/sectors && "
+        "echo 7 > 5f3a9c0e1b2d47/memberinfo/2/status && "
+        "echo 305 > 5f3a9c0e1b2d47/memberinfo/2/membership_gen_count && cd ../v2 && "
+        "head -c 10 /dev/zero > short.mtd && ln -s ../../outside/x evil.mtd");
     const time_t base = std::time(nullptr);
     for (auto [node, age] : {std::pair{1, 5}, {2, 35}, {3, 500}})
         s.write("Node/" + std::to_string(node) + "/lastping", std::to_string(base - age) + "\n");
@@ -118,35 +77,20 @@ TEST(Ctl, ListingsShowEveryRecordAndFollowNoLinkOutOfTheStore) {
 
     // A listing ends with status 0 and nothing on stderr, whatever its records hold.
     auto list = [&](const std::vector<std::string>& args) {
-        CtlRun r = ctl(s.dir, args);
+        RunResult r = ctl(args);
         EXPECT_EQ(r.status, 0);
         EXPECT_EQ(r.err, "");
         return r.out;
     };
-    const std::string node = R"("ipaddr":"127.0.0.1","version":"v1.8",)";
-    const std::string none = R"("ipaddr":null,"version":null,"datastore":null,"vdisks":null,)"
-                             R"("lastping":null,"age":null,"state":null,"error":)";
-    EXPECT_TRUE(shows(
-        list({"-C", conf, "--json", "nodes"}),
-        R"({"nodes":[
-{"id":"1","local":true,)" +
-            node +
-            R"("datastore":"ds01","vdisks":2,"lastping":<l5>,"age":<a5>,"state":"alive","error":null},
-{"id":"2","local":false,)" +
-            node +
-            R"("datastore":"ds01","vdisks":2,"lastping":<l35>,"age":<a35>,"state":"late","error":null},
-{"id":"3","local":false,)" +
-            node +
-            R"("datastore":null,"vdisks":2,"lastping":<l500>,"age":<a500>,"state":"silent","error":null},
-{"id":"4","local":false,)" +
-            none + R"("locked"},
-{"id":"5","local":false,)" +
-            none + R"("Failed to load <db>/Node/5/freespace: 0"},
-{"id":"6","local":false,)" +
-            none + R"("<db>/Node/6: not a directory, not followed"},
-{"id":"07","local":false,)" +
-            none + R"("malformed node id"}]})",
-        db, base));
+    EXPECT_TRUE(shows(list({"-C", conf, "--json", "nodes"}), R"({"nodes":[
+{"id":"1","local":true,"ipaddr":"127.0.0.1","version":"v1.8","datastore":"ds01","vdisks":2,"lastping":<l5>,"age":<a5>,"state":"alive","error":null},
+{"id":"2","local":false,"ipaddr":"127.0.0.1","version":"v1.8","datastore":"ds01","vdisks":2,"lastping":<l35>,"age":<a35>,"state":"late","error":null},
+{"id":"3","local":false,"ipaddr":"127.0.0.1","version":"v1.8","datastore":null,"vdisks":2,"lastping":<l500>,"age":<a500>,"state":"silent","error":null},
+{"id":"4","local":false,"ipaddr":null,"version":null,"datastore":null,"vdisks":null,"lastping":null,"age":null,"state":null,"error":"locked"},
+{"id":"5","local":false,"ipaddr":null,"version":null,"datastore":null,"vdisks":null,"lastping":null,"age":null,"state":null,"error":"Failed to load <db>/Node/5/freespace: 0"},
+{"id":"6","local":false,"ipaddr":null,"version":null,"datastore":null,"vdisks":null,"lastping":null,"age":null,"state":null,"error":"<db>/Node/6: not a directory, not followed"},
+{"id":"07","local":false,"ipaddr":null,"version":null,"datastore":null,"vdisks":null,"lastping":null,"age":null,"state":null,"error":"malformed node id"}]})",
+                      db, base));
     EXPECT_TRUE(shows(list({"nodes", "-C", conf}),
                       R"(ID  LOCAL  ADDRESS    VERSION  DATASTORE  VDISKS  LASTPING  STATE
 1   yes    127.0.0.1  v1.8     ds01       2       <a5>s ago    alive
@@ -161,45 +105,30 @@ TEST(Ctl, ListingsShowEveryRecordAndFollowNoLinkOutOfTheStore) {
 
     EXPECT_TRUE(shows(list({"-C", conf, "--json", "datastores"}), R"({"datastores":[
 {"uuid":"ds01","name":"n\u0007\ufffd\u001b[0m","sector_size":512,"replicas":1,"stripes":1,"members":["1"],"vdisks":2,"error":null},
-{"uuid":"ds02","name":null,"sector_size":null,"replicas":null,"stripes":null,"members":null,"vdisks":null,
- "error":"<db>/Datastore/ds02/stripes: link, not followed"}]})",
+{"uuid":"ds02","name":null,"sector_size":null,"replicas":null,"stripes":null,"members":null,"vdisks":null,"error":"<db>/Datastore/ds02/stripes: link, not followed"}]})",
                       db, base));
     EXPECT_NE(list({"-C", conf, "datastores"}).find(R"(  n\x07\xff\x1b[0m  )"), std::string::npos);
 
-    const std::string vd = R"("sectors":2097152,"sector_size":512,"replicas":1,)";
     const std::string plain =
-        R"({"uuid":"5f3a9c0e1b2d47","name":"demo disk","size":1073741824,)" + vd +
-        R"("snapshot":false,"parent":null,"snaptime":null,"description":"the demo's plain disk",)"
-        R"("highest_gen_count":1,"members":[)"
-        R"({"node":1,"gen_count":1,"status":1,"frontends":["127.0.0.1"],"error":null},)"
-        R"({"node":2,"gen_count":305,"status":7,"frontends":["127.0.0.1"],"error":null}],"error":null})";
-    EXPECT_TRUE(shows(
-        list({"-C", conf, "--json", "vdisks"}),
-        R"({"vdisks":[
-{"uuid":"0c71e2aa9f3b10","name":"demo disk snap","size":1073741824,)" +
-            vd +
-            R"("snapshot":true,"parent":"5f3a9c0e1b2d47","snaptime":"26-11-23_09.30.00","description":null,
- "highest_gen_count":1,"members":[{"node":1,"gen_count":1,"status":1,"frontends":["127.0.0.1"],"error":null},
- {"node":9,"gen_count":null,"status":null,"frontends":null,
-  "error":"<db>/VDisk/0c71e2aa9f3b10/memberinfo/9: No such file or directory"}],"error":null},
-)" + plain + R"(,
-{"uuid":"bad","name":null,"size":null,"sectors":null,"sector_size":null,"replicas":null,"snapshot":null,
- "parent":null,"snaptime":null,"description":null,"highest_gen_count":null,"members":null,
- "error":"Failed to load <db>/VDisk/bad/sectors: 0"}]})",
-        db, base));
+        R"({"uuid":"5f3a9c0e1b2d47","name":"demo disk","size":1073741824,"sectors":2097152,"sector_size":512,"replicas":1,"snapshot":false,"parent":null,"snaptime":null,"description":"the demo's plain disk","highest_gen_count":1,"members":[
+{"node":1,"gen_count":1,"status":1,"frontends":["127.0.0.1"],"error":null},
+{"node":2,"gen_count":305,"status":7,"frontends":["127.0.0.1"],"error":null}],"error":null})";
+    EXPECT_TRUE(shows(list({"-C", conf, "--json", "vdisks"}),
+                      R"({"vdisks":[
+{"uuid":"0c71e2aa9f3b10","name":"demo disk snap","size":1073741824,"sectors":2097152,"sector_size":512,"replicas":1,"snapshot":true,"parent":"5f3a9c0e1b2d47","snaptime":"26-11-23_09.30.00","description":null,"highest_gen_count":1,"members":[
+{"node":1,"gen_count":1,"status":1,"frontends":["127.0.0.1"],"error":null},
+{"node":9,"gen_count":null,"status":null,"frontends":null,"error":"<db>/VDisk/0c71e2aa9f3b10/memberinfo/9: No such file or directory"}],"error":null},)" +
+                          plain + R"(,
+{"uuid":"bad","name":null,"size":null,"sectors":null,"sector_size":null,"replicas":null,"snapshot":null,"parent":null,"snaptime":null,"description":null,"highest_gen_count":null,"members":null,"error":"Failed to load <db>/VDisk/bad/sectors: 0"}]})",
+                      db, base));
     EXPECT_TRUE(shows(list({"-C", conf, "vdisks", "5f3a9c0e1b2d47", "--json"}),
                       R"({"vdisks":[)" + plain + "]}", db, base));
 
-    const std::string no_doc =
-        R"("node":null,"path":null,"filename":null,"lastping":null,"age":null,)"
-        R"("expires_in":null,"error":")";
     EXPECT_TRUE(shows(list({"-C", conf, "--json", "docs"}), R"({"docs":[
-{"document":"apps/cfg.json","local":true,"node":"1","path":"apps/","filename":"cfg.json","lastping":<l12>,
- "age":<a12>,"expires_in":<e38>,"error":null},
-{"document":"evil","local":false,)" + no_doc + R"(<db>/v2/evil.mtd: link, not followed"},
-{"document":"peer.json","local":false,"node":"7","path":"","filename":"peer.json","lastping":<l100>,
- "age":<a100>,"expires_in":<e-50>,"error":null},
-{"document":"short","local":false,)" + no_doc + R"(Failed to load metadata with file <db>/v2/short.mtd"}]})",
+{"document":"apps/cfg.json","local":true,"node":"1","path":"apps/","filename":"cfg.json","lastping":<l12>,"age":<a12>,"expires_in":<e38>,"error":null},
+{"document":"evil","local":false,"node":null,"path":null,"filename":null,"lastping":null,"age":null,"expires_in":null,"error":"<db>/v2/evil.mtd: link, not followed"},
+{"document":"peer.json","local":false,"node":"7","path":"","filename":"peer.json","lastping":<l100>,"age":<a100>,"expires_in":<e-50>,"error":null},
+{"document":"short","local":false,"node":null,"path":null,"filename":null,"lastping":null,"age":null,"expires_in":null,"error":"Failed to load metadata with file <db>/v2/short.mtd"}]})",
                       db, base));
     EXPECT_EQ(look(db + "/locks/NODE-4"), "1\n");  // corvalctl released all its own locks
     EXPECT_EQ(std::system(("test $(ls " + db + "/locks | wc -l) = 1").c_str()), 0);
@@ -212,89 +141,54 @@ TEST(Ctl, UsageAndReachErrors) {
     const std::string conf = s.conf(), port = s.cfg.values.at("ctrl_port");
     s.cfg.values["work_directory"] = s.dir / "none";
     const std::string nostore = s.cfg.write(s.dir, "nostore.conf");
+    const std::string cv = "corvalctl: ",
+                      vdisk =
+                          cv +
+                          "VDISK must be 1 to 14 characters without blanks or control characters";
     const struct {
         std::vector<std::string> args;
-        std::string in;
         int status;
         std::string first_line;
+        std::string in = "";
     } cases[] = {
-        {{}, "", 1, "corvalctl: A subcommand is required"},
-        {{"nodes", "extra"}, "", 1, "corvalctl: The following argument was not expected: extra"},
+        {{}, 1, cv + "A subcommand is required"},
+        {{"nodes", "extra"}, 1, cv + "The following argument was not expected: extra"},
         {{"vdisks", "../Node/1"},
-         "",
          1,
-         "corvalctl: UUID must be a VDisk uuid of 1 to 14 characters: ../Node/1"},
+         cv + "UUID must be a VDisk uuid of 1 to 14 characters: ../Node/1"},
         {{"ds-ping", "01"},
-         "",
          1,
-         "corvalctl: NODE must be 1 to 15 decimal digits without a leading zero: 01"},
-        {{"vdisk-deleted", "7", "123456789012345"},
-         "",
-         1,
-         "corvalctl: VDISK must be 1 to 14 characters without blanks or control characters"},
-        {{"single-vdisk-ping", "7", "a b"},
-         "",
-         1,
-         "corvalctl: VDISK must be 1 to 14 characters without blanks or control characters"},
-        {{"store-json", "7", "a/../", "x", "t"}, "", 1, "corvalctl: PATH holds a \"..\" component"},
-        {{"delete-json", "7", "a/", "x|y", "t"},
-         "",
-         1,
-         "corvalctl: FILE holds a \"|\" or a line feed"},
-        {{"store-json", "1234567890123456", "", "x", "t"}, "", 1, "corvalctl: NODE longer than 15"},
+         cv + "NODE must be 1 to 15 decimal digits without a leading zero: 01"},
+        {{"vdisk-deleted", "7", "123456789012345"}, 1, vdisk},
+        {{"single-vdisk-ping", "7", "a b"}, 1, vdisk},
+        {{"store-json", "7", "a/../", "x", "t"}, 1, cv + "PATH holds a \"..\" component"},
+        {{"delete-json", "7", "a/", "x|y", "t"}, 1, cv + "FILE holds a \"|\" or a line feed"},
+        {{"store-json", "1234567890123456", "", "x", "t"}, 1, cv + "NODE longer than 15"},
         {{"store-json", "7", "a/", "x", "-"},
-         "[1,\n2]\n",
          1,
-         "corvalctl: TEXT holds a line feed, a zero byte or a final carriage return"},
+         cv + "TEXT holds a line feed, a zero byte or a final carriage return",
+         "[1,\n2]\n"},
         {{"store-json", "7", "a/", "x", std::string(65184, 'j')},
-         "",
          1,
-         "corvalctl: TEXT of 65184 bytes does not fit one datagram (65183 bytes at most)"},
+         cv + "TEXT of 65184 bytes does not fit one datagram (65183 bytes at most)"},
+        {{"nodes", "-C", nostore},
+         2,
+         cv + "store " + s.dir / "none" + ": No such file or directory"},
+        {{"ds-ping", "7"}, 2, cv + "cannot connect to 127.0.0.1:" + port + ": Connection refused"},
         {{"nodes", "-C", s.dir / "no.conf"},
-         "",
          2,
          "error: config_load(): fopen(" + s.dir / "no.conf" + "): No such file or directory"},
-        {{"nodes", "-C", nostore},
-         "",
-         2,
-         "corvalctl: store " + s.dir / "none" + ": No such file or directory"},
-        {{"ds-ping", "7"},
-         "",
-         2,
-         "corvalctl: cannot connect to 127.0.0.1:" + port + ": Connection refused"},
     };
     for (const auto& c : cases) {
         std::vector<std::string> args = c.args;
         if (c.args.empty() || c.args[0] != "nodes")
             args.insert(args.begin(), {"-C", conf});
-        CtlRun r = ctl(s.dir, args, c.in);
+        RunResult r = ctl(args, c.in);
         EXPECT_EQ(r.status, c.status) << c.first_line;
         EXPECT_EQ(r.err.substr(0, r.err.find('\n')), c.first_line);
         EXPECT_EQ(r.err.find("Usage: corvalctl") != std::string::npos, c.status == 1) << r.err;
         EXPECT_EQ(r.out, "");
     }
-}
-
-// The daemon turns each line into its datagram: a DS_PING of the seed's node
-// and its data store, and a STORE_JSON carrying the text read from stdin.
-TEST(Ctl, ControlCommandsReachTheDaemon) {
-    SeedStore s;
-    UdpSink sink("127.0.0.2", s.cfg.bind_port());
-    Daemon d({"-dd", "-C", s.conf()}, s.dir);
-    for (int type : {msg::DS_PING, msg::AUX_PING, msg::PING})
-        EXPECT_EQ(sink.next().value_or("...")[2], type);  // the start-up announcements
-    CtlRun r = ctl(s.dir, {"-C", s.conf(), "ds-ping", "1"});
-    EXPECT_EQ(r.status, 0);
-    EXPECT_EQ(r.out, "sent: ds_ping 1\n");
-    std::string got = sink.next().value_or("...");
-    EXPECT_EQ(got.size(), DS_PING_SIZE);
-    EXPECT_EQ(got[2], msg::DS_PING);
-    r = ctl(s.dir, {"-C", s.conf(), "store-json", "1", "apps/", "cfg.json", "-"}, "[1,2,3]\n");
-    EXPECT_EQ(r.out, "sent: store_json|1|apps/|cfg.json|[1,2,3]\n");
-    got = sink.next().value_or("...");
-    EXPECT_EQ(got.size(), JSON_TEXT_OFFSET + 7);
-    EXPECT_EQ(got[2], msg::STORE_JSON);
-    EXPECT_EQ(got.substr(std::min(got.size(), JSON_TEXT_OFFSET)), "[1,2,3]");
 }
 
 }  // namespace

@@ -13,10 +13,10 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
-#include <atomic>
 #include <cerrno>
 #include <cstdlib>
 #include <cstring>
+#include <set>
 #include <stdexcept>
 
 #include "util/unique_fd.h"
@@ -60,13 +60,14 @@ std::string strip_ident(const std::string& s) {
 }  // namespace
 
 int free_port() {
-    // Ports from the kernel's ephemeral range, kept apart between calls of
-    // one process so that two daemons of one test never get the same one.
-    static std::atomic<int> last{0};
+    // Ports from the kernel's ephemeral range, never the same twice in one
+    // process: daemons of one test may not have bound theirs yet.
+    static std::set<int> given;
     for (int tries = 0; tries < 1000; ++tries) {
         int port = bound_port(SOCK_DGRAM, INADDR_ANY, 0);
-        if (port > 0 && port != last && bound_port(SOCK_STREAM, INADDR_LOOPBACK, port) == port)
-            return last = port;
+        if (port > 0 && bound_port(SOCK_STREAM, INADDR_LOOPBACK, port) == port &&
+            given.insert(port).second)
+            return port;
     }
     throw std::runtime_error("no free port");
 }
@@ -96,16 +97,8 @@ std::string TestConfig::write(const TempDir& dir, const std::string& name) const
 }
 
 bool syslog_available() {
-    static int cached = -1;
-    if (cached < 0) {
-        pid_t pid = ::fork();
-        if (pid == 0)
-            _exit(::geteuid() == 0 && ::unshare(CLONE_NEWNS) == 0 ? 0 : 1);
-        int st = 0;
-        ::waitpid(pid, &st, 0);
-        cached = WIFEXITED(st) && WEXITSTATUS(st) == 0;
-    }
-    return cached == 1;
+    static const bool ok = ::geteuid() == 0 && std::system("unshare -m true 2>/dev/null") == 0;
+    return ok;
 }
 
 Daemon::Daemon(const std::vector<std::string>& args, const TempDir& work, LogVia via) {
@@ -128,10 +121,8 @@ Daemon::Daemon(const std::vector<std::string>& args, const TempDir& work, LogVia
     int p[2];
     if (::pipe2(p, O_CLOEXEC) < 0)
         throw std::runtime_error("pipe");
-    std::vector<std::string> argv_s = {CORVALD_BIN};
-    argv_s.insert(argv_s.end(), args.begin(), args.end());
-    std::vector<char*> argv;
-    for (auto& a : argv_s) argv.push_back(a.data());
+    std::vector<char*> argv = {const_cast<char*>(CORVALD_BIN)};
+    for (const std::string& a : args) argv.push_back(const_cast<char*>(a.c_str()));
     argv.push_back(nullptr);
 
     child_ = ::fork();
@@ -179,17 +170,14 @@ void Daemon::take_stderr_bytes(const char* p, size_t n) {
         // With a log socket, messages arrive there with their priorities;
         // stderr then only carries what is written before the log is open.
         if (log_fd_ < 0 || message == raw)
-            lines_.push_back({message, -1, raw});
+            lines_.push_back({message, raw});
     }
 }
 
 void Daemon::take_syslog_datagram(const char* p, size_t n) {
     // "<pri>Mmm dd hh:mm:ss ident[pid]: message"
-    std::string raw(p, n);
-    int pri = raw.size() > 2 && raw[0] == '<' ? std::atoi(raw.c_str() + 1) & 7 : -1;
-    size_t gt = raw.find('>');
-    std::string rest = gt == std::string::npos ? raw : raw.substr(gt + 1);
-    lines_.push_back({strip_ident(rest.size() > 16 ? rest.substr(16) : rest), pri, raw});
+    const std::string raw(p, n);
+    lines_.push_back({strip_ident(raw), raw});
 }
 
 void Daemon::pump(milliseconds timeout) {
@@ -213,10 +201,6 @@ void Daemon::pump(milliseconds timeout) {
         take_syslog_datagram(buf, static_cast<size_t>(r));
 }
 
-std::optional<LoggedLine> Daemon::wait_for(const std::string& needle, milliseconds timeout) {
-    return wait_for_after(0, needle, timeout);
-}
-
 std::optional<LoggedLine> Daemon::wait_for_after(size_t mark, const std::string& needle,
                                                  milliseconds timeout) {
     auto deadline = Clock::now() + timeout;
@@ -229,20 +213,11 @@ std::optional<LoggedLine> Daemon::wait_for_after(size_t mark, const std::string&
     }
 }
 
-size_t Daemon::mark() {
-    return lines().size();
-}
-
-const std::vector<LoggedLine>& Daemon::lines() {
-    pump(milliseconds(0));
-    return lines_;
-}
-
-std::vector<std::string> Daemon::matching(const std::string& needle) {
+std::vector<std::string> Daemon::matching(const std::string& needle, size_t from) {
     std::vector<std::string> out;
-    for (const auto& l : lines())
-        if (l.message.find(needle) != std::string::npos)
-            out.push_back(l.message);
+    for (size_t i = from; i < lines().size(); ++i)
+        if (lines_[i].message.find(needle) != std::string::npos)
+            out.push_back(lines_[i].message);
     return out;
 }
 
@@ -257,7 +232,11 @@ bool until(milliseconds timeout, Done done, Step step) {
 
 std::optional<pid_t> Daemon::wait_pid_file(const std::string& path, milliseconds timeout) {
     std::string text;
-    auto complete = [&] { return (text = read_file(path)).size() > 1 && text.back() == '\n'; };
+    auto complete = [&] {  // digits and a line feed: not a stale file, nor half written
+        text = read_file(path);
+        return text.size() > 1 && text.find_first_not_of("0123456789") == text.size() - 1 &&
+               text.back() == '\n';
+    };
     if (!until(timeout, complete, [&] { pump(milliseconds(5)); }))
         return std::nullopt;
     pid_t pid = std::stoi(text);
@@ -289,10 +268,6 @@ bool Daemon::wait_handler(int sig, pid_t pid, milliseconds timeout) {
     return until(timeout, caught, [&] { pump(milliseconds(5)); });
 }
 
-void Daemon::signal(int sig, pid_t pid) {
-    ::kill(pid ? pid : child_, sig);
-}
-
 std::optional<int> Daemon::wait_exit(milliseconds timeout) {
     auto deadline = Clock::now() + timeout;
     if (!exited_) {
@@ -307,15 +282,6 @@ std::optional<int> Daemon::wait_exit(milliseconds timeout) {
     while (err_fd_ >= 0 && Clock::now() < deadline) pump(milliseconds(50));
     pump(milliseconds(0));
     return status_;
-}
-
-RunResult run_to_exit(const std::vector<std::string>& args, milliseconds timeout) {
-    TempDir dir;
-    Daemon d(args, dir);
-    RunResult res;
-    res.status = d.wait_exit(timeout).value_or(-1);
-    for (const auto& l : d.lines()) res.err += l.raw + "\n";
-    return res;
 }
 
 }  // namespace corvald::test

@@ -11,6 +11,7 @@
 //    can be used here.
 #pragma once
 
+#include <signal.h>
 #include <sys/types.h>
 
 #include <chrono>
@@ -25,12 +26,10 @@ namespace corvald::test {
 
 using namespace std::chrono_literals;
 
-// One logged line: the message without the "ident[pid]: " prefix, the
-// priority (-1 when it came from stderr, where it is not shown) and the
-// text exactly as it arrived.
+// One logged line: the message without the "ident[pid]: " prefix, and the
+// text exactly as it arrived (from syslog with its "<priority>" and time).
 struct LoggedLine {
     std::string message;
-    int priority = -1;
     std::string raw;
 };
 
@@ -59,8 +58,7 @@ public:
 
     // Starts CORVALD_BIN with args (argv[0] is added). With LogVia::Syslog
     // the run gets its own /dev/log under work.
-    Daemon(const std::vector<std::string>& args, const TempDir& work,
-           LogVia via = LogVia::Stderr);
+    Daemon(const std::vector<std::string>& args, const TempDir& work, LogVia via = LogVia::Stderr);
     ~Daemon();  // kills whatever is still running
     Daemon(const Daemon&) = delete;
     Daemon& operator=(const Daemon&) = delete;
@@ -71,16 +69,21 @@ public:
     // First line (from the start of the run) whose message contains needle,
     // waiting for it up to timeout; nullopt if it did not come.
     std::optional<LoggedLine> wait_for(const std::string& needle,
-                                    std::chrono::milliseconds timeout = 20s);
+                                       std::chrono::milliseconds timeout = 20s) {
+        return wait_for_after(0, needle, timeout);
+    }
     // Same, but only lines arrived after the mark (see mark()).
     std::optional<LoggedLine> wait_for_after(size_t mark, const std::string& needle,
-                                          std::chrono::milliseconds timeout = 20s);
+                                             std::chrono::milliseconds timeout = 20s);
     // Number of lines seen so far (read everything pending first).
-    size_t mark();
+    size_t mark() { return lines().size(); }
     // Every line seen so far.
-    const std::vector<LoggedLine>& lines();
-    // Messages of the lines seen so far that contain needle.
-    std::vector<std::string> matching(const std::string& needle);
+    const std::vector<LoggedLine>& lines() {
+        pump(std::chrono::milliseconds(0));
+        return lines_;
+    }
+    // Messages of the lines seen so far, from line `from` on, that contain needle.
+    std::vector<std::string> matching(const std::string& needle, size_t from = 0);
 
     // Waits until the pid file at path holds a complete "<pid>\n" and
     // returns that pid (killed with the runner too: detached daemons are
@@ -94,7 +97,7 @@ public:
     // not reap it); false on timeout.
     bool wait_gone(pid_t pid, std::chrono::milliseconds timeout = 20s);
     // Sends sig to pid (default: the child).
-    void signal(int sig, pid_t pid = 0);
+    void signal(int sig, pid_t pid = 0) { ::kill(pid ? pid : child_, sig); }
     // Waits for the child to end; its exit status, 128+signal if killed,
     // or nullopt on timeout. Reads the remaining log too.
     std::optional<int> wait_exit(std::chrono::milliseconds timeout = 20s);
@@ -113,13 +116,5 @@ private:
     std::string partial_;
     std::vector<LoggedLine> lines_;
 };
-
-// The exit status and everything written to stderr by a run that is
-// expected to end by itself (usage errors, configuration errors).
-struct RunResult {
-    int status = -1;
-    std::string err;
-};
-RunResult run_to_exit(const std::vector<std::string>& args, std::chrono::milliseconds timeout = 20s);
 
 }  // namespace corvald::test

@@ -13,15 +13,6 @@
 
 namespace corvald::test {
 
-namespace {
-
-void reap(pid_t pid, int* status) {
-    while (::waitpid(pid, status, 0) < 0 && errno == EINTR) {
-    }
-}
-
-}  // namespace
-
 Box::Box() {
     int res[2];
     if (::pipe2(res, O_CLOEXEC) != 0)
@@ -49,7 +40,8 @@ Box::~Box() {
     if (pid <= 0)
         return;
     ::kill(pid, SIGKILL);
-    reap(pid, nullptr);
+    while (::waitpid(pid, nullptr, 0) < 0 && errno == EINTR) {
+    }
 }
 
 UniqueFd netns_of(const std::string& proc) {
@@ -57,18 +49,10 @@ UniqueFd netns_of(const std::string& proc) {
 }
 
 int run_ip(pid_t in, const std::string& args) {
-    pid_t pid = ::fork();
-    if (pid == 0) {
-        UniqueFd ns = netns_of(std::to_string(in));
-        if (!ns || ::setns(ns.get(), CLONE_NEWNET) != 0)
-            ::_exit(126);
-        ::execl("/bin/sh", "sh", "-c", ("exec ip " + args + " >/dev/null 2>&1").c_str(), nullptr);
-        ::_exit(127);
-    }
-    int status = -1;
-    if (pid > 0)
-        reap(pid, &status);
-    return pid > 0 && WIFEXITED(status) ? WEXITSTATUS(status) : -1;
+    const int st = std::system(
+        ("nsenter --net=/proc/" + std::to_string(in) + "/ns/net ip " + args + " >/dev/null 2>&1")
+            .c_str());
+    return WIFEXITED(st) ? WEXITSTATUS(st) : -1;
 }
 
 bool make_bridge(const Box& bridge) {

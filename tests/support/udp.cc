@@ -6,59 +6,43 @@
 #include <sys/socket.h>
 #include <unistd.h>
 
-#include <cassert>
-
 namespace corvald::test {
 
+namespace {
+
+// addr (dotted text) and port as a socket address.
+sockaddr_in inet(const char* addr, int port) {
+    sockaddr_in sa = {AF_INET, htons(uint16_t(port)), {}, {}};
+    ::inet_pton(AF_INET, addr, &sa.sin_addr);
+    return sa;
+}
+
+}  // namespace
+
 bool send_datagram(const std::string& bytes, int port, const char* from) {
-    int so = ::socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0);
-    if (so < 0) return false;
-    struct sockaddr_in sa = {};
-    sa.sin_family = AF_INET;
-    bool ok = ::inet_pton(AF_INET, from, &sa.sin_addr) == 1 &&
-              ::bind(so, reinterpret_cast<sockaddr*>(&sa), sizeof sa) == 0;
-    if (ok) {
-        sa.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-        sa.sin_port = htons(static_cast<uint16_t>(port));
-        ssize_t n = ::sendto(so, bytes.data(), bytes.size(), 0, reinterpret_cast<sockaddr*>(&sa),
-                             sizeof sa);
-        ok = n == static_cast<ssize_t>(bytes.size());
-    }
-    ::close(so);
-    return ok;
+    UniqueFd so(::socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0));
+    sockaddr_in sa = inet(from, 0), to = inet("127.0.0.1", port);
+    return ::bind(so.get(), reinterpret_cast<sockaddr*>(&sa), sizeof sa) == 0 &&
+           ::sendto(so.get(), bytes.data(), bytes.size(), 0, reinterpret_cast<sockaddr*>(&to),
+                    sizeof to) == ssize_t(bytes.size());
 }
 
-std::string datagram_of_type(uint8_t type, size_t len) {
-    assert(len >= 3);
-    std::string d(len, '\0');
-    d[2] = static_cast<char>(type);
-    return d;
-}
-
-UdpSink::UdpSink(const char* addr, int port) {
-    so_ = ::socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0);
+UdpSink::UdpSink(const char* addr, int port) : so_(::socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0)) {
     int one = 1;
-    struct sockaddr_in sa = {};
-    sa.sin_family = AF_INET;
-    sa.sin_port = htons(static_cast<uint16_t>(port));
-    if (so_ < 0 || ::setsockopt(so_, SOL_SOCKET, SO_REUSEADDR, &one, sizeof one) < 0 ||
-        ::inet_pton(AF_INET, addr, &sa.sin_addr) != 1 ||
-        ::bind(so_, reinterpret_cast<sockaddr*>(&sa), sizeof sa) < 0) {
-        if (so_ >= 0) ::close(so_);
-        so_ = -1;
-    }
-}
-
-UdpSink::~UdpSink() {
-    if (so_ >= 0) ::close(so_);
+    sockaddr_in sa = inet(addr, port);
+    if (::setsockopt(so_.get(), SOL_SOCKET, SO_REUSEADDR, &one, sizeof one) < 0 ||
+        ::bind(so_.get(), reinterpret_cast<sockaddr*>(&sa), sizeof sa) < 0)
+        so_.reset();
 }
 
 std::optional<std::string> UdpSink::next(std::chrono::milliseconds timeout) {
-    struct pollfd p = {so_, POLLIN, 0};
-    if (so_ < 0 || ::poll(&p, 1, static_cast<int>(timeout.count())) != 1) return std::nullopt;
+    struct pollfd p = {so_.get(), POLLIN, 0};
+    if (!so_ || ::poll(&p, 1, static_cast<int>(timeout.count())) != 1)
+        return std::nullopt;
     std::string d(65536, '\0');
-    ssize_t n = ::recv(so_, d.data(), d.size(), 0);
-    if (n < 0) return std::nullopt;
+    ssize_t n = ::recv(so_.get(), d.data(), d.size(), 0);
+    if (n < 0)
+        return std::nullopt;
     d.resize(static_cast<size_t>(n));
     return d;
 }

@@ -7,14 +7,13 @@
 #include <optional>
 #include <string>
 
+#include "util/unique_fd.h"
+
 namespace corvald::test {
 
 // Sends bytes as one datagram from a fresh socket bound to from (any port)
 // to 127.0.0.1:port; false if it could not be sent whole.
 bool send_datagram(const std::string& bytes, int port, const char* from = "127.0.0.3");
-
-// len zero bytes (len >= 3) but for the header's type byte at offset 2.
-std::string datagram_of_type(uint8_t type, size_t len = 207);
 
 // A socket that receives what a daemon sends to addr:port. Bound with
 // SO_REUSEADDR beside the daemon's own socket on the same port (any
@@ -22,15 +21,12 @@ std::string datagram_of_type(uint8_t type, size_t len = 207);
 class UdpSink {
 public:
     UdpSink(const char* addr, int port);
-    ~UdpSink();
-    UdpSink(const UdpSink&) = delete;
-    UdpSink& operator=(const UdpSink&) = delete;
-    bool ok() const { return so_ >= 0; }
+    bool ok() const { return so_.valid(); }
     // The next datagram, or nullopt when none came within timeout.
     std::optional<std::string> next(std::chrono::milliseconds timeout = std::chrono::seconds(20));
 
 private:
-    int so_ = -1;
+    UniqueFd so_;
 };
 
 }  // namespace corvald::test
