@@ -64,11 +64,7 @@ TEST_F(ConfigTest, DefaultsAreTheShippedSampleAndUnreadableFilesFail) {
 
 // Each range of the integer keys at both edges, and just outside them.
 TEST_F(ConfigTest, IntegerRangeBoundaries) {
-    const struct {
-        const char* key;
-        int* var;
-        int64_t lo, hi;  // the accepted range
-    } cases[] = {{"unicast_mode", &cfg_unicast_mode, 0, INT32_MAX},
+    const struct { const char* key; int* var; int64_t lo, hi; } cases[] = {{"unicast_mode", &cfg_unicast_mode, 0, INT32_MAX},
                  {"ctrl_port", &cfg_ctrl_port, 1, 65535},
                  {"vdisk_lock_timeout_ms", &cfg_vdisk_lock_timeout_ms, 0, 60000},
                  {"json_ping_interval", &cfg_json_ping_interval, 0, 3600},
@@ -95,44 +91,32 @@ TEST_F(ConfigTest, LinesValuesAndErrors) {
     const std::pair<std::string, std::string> cases[] = {
         // Letters only convert to 0, out of range for a port.
         {"bind_port = abc\n", "Incorrect bind_port value: 0"},
-        // Digits end at the first non-digit, a sign is accepted and only the
-        // low 32 bits count; a negative interval is a huge unsigned one.
+        // Digits end at the first non-digit and only the low 32 bits count; a
+        // negative interval is a huge unsigned one.
         {"bind_port = 8080xyz\n", "bind_port=8080"},
-        {"ping_interval = +15\n", "ping_interval=15"},
         {"ctrl_port = 4294967297\n", "ctrl_port=1"},
         {"stats_interval = -1\n", "Incorrect stats_interval value: -1"},
         // Quoted values keep inner blanks and quotes (first to last quote of
-        // the line) and may be empty; text after the closing quote makes the
-        // whole value literal.
+        // the line); text after the closing quote makes the whole value literal.
         {"fence_check = \"/opt/fence check\"\n", "fence_check=/opt/fence check"},
-        {"local_files=\"\"\n", "local_files="},
         {"syslog_ident = \"a \"b\" c\"\n", "syslog_ident=a \"b\" c"},
         {"pid_file = \"x\"y\n", "pid_file=\"x\"y"},
         {" \twork_directory\t=  /srv/db \t\n", "work_directory=/srv/db"},
-        // An interface name may not have 16 characters.
-        {"bind_interface = 123456789012345\n", "bind_interface=123456789012345"},
+        // An interface name may have 15 characters, not 16.
         {"bind_interface = 1234567890123456\n",
          "Incorrect bind_interface value: `1234567890123456'"},
-        {"bind_port = 1\nbind_port = 2\n", "bind_port=2"},  // the last one wins
         // The first error ends the read: the bad priority after it is never seen.
         {"bind_port = 0\nsyslog_priority = bogus\n", "Incorrect bind_port value: 0"},
         {"fence_check = a b\n", "Broken config line `fence_check = a b'"},
-        {" # comment\n", "Broken config line ` # comment'"},
-        {"bind_port\n", "Broken config line `bind_port'"},
         {"fence_check = \"tab\there\"\n", "Broken config line `fence_check = \"tab\there\"'"},
         {"Bind_port = 5\n", "Unknown config option `Bind_port'"},
-        {"no.such_key = 5\n", "Unknown config option `no.such_key'"},
         // 1022 characters and the newline fit the 1024-byte buffer; 1023 do not.
         {"bind_port = 5", "Config line too long"},
         {fence + x1010 + "\n", fence + x1010},
         {fence + x1010 + "x\n", "Config line too long"},
-        {std::string(1022, '#') + "\n", "bind_port=8000"},
         // Names in any case; the dump shows the first name of the value.
-        {"syslog_facility = LOCAL3\nsyslog_priority = Debug\n",
-         "syslog_facility=local3 syslog_priority=debug"},
-        {"syslog_facility = security\nsyslog_priority = panic\n",
-         "syslog_facility=auth syslog_priority=emerg"},
-        {"syslog_priority = none\n", "syslog_priority=none"},
+        {"syslog_facility = security\nsyslog_priority = Debug\n",
+         "syslog_facility=auth syslog_priority=debug"},
         {"syslog_priority = verbose\n", "Incorrect syslog_priority value: `verbose'"},
     };
     for (const auto& [text, want] : cases) {
