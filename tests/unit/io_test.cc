@@ -1,5 +1,3 @@
-// The descriptor and socket wrappers: the exact failure lines, the retries
-// of an interrupted call, and no descriptor left behind by a failure.
 #include "util/io.h"
 
 #include <arpa/inet.h>
@@ -41,10 +39,14 @@ void on_alarm(int) {
     if (alarms == 3) (void)!::write(unblock_fd, "xyz", 3);
 }
 
-TEST(Io, TransfersRetryInterruptionsAndReportEndOfFileAndBrokenPipe) {
+// Retries are silent, and so is a transfer's end of file before len bytes
+// (even after a partial read) or a pipe without a reader (EPIPE, not a
+// signal: the daemon ignores SIGPIPE) but for its line. A failed listen
+// leaks no socket. The control connections' accept is end to end.
+TEST(Io, RetriesAndFailures) {
     test::LogCapture log;
+    Pipe p, q;
     {
-        Pipe p;
         unblock_fd = p.w.get();
         test::SignalTimer timer(SIGALRM, on_alarm, 5, 5);
         char buf[4] = {};
@@ -52,54 +54,38 @@ TEST(Io, TransfersRetryInterruptionsAndReportEndOfFileAndBrokenPipe) {
         EXPECT_STREQ(buf, "xyz");
         EXPECT_GE(alarms, 3);
     }
-    EXPECT_TRUE(log.lines().empty()) << log.dump();  // a retry is silent
-    // End of file before len bytes: 0, even after a partial read.
-    Pipe p, q;
-    char buf[16] = {};
-    EXPECT_EQ(buf_tx(p.w.get(), "abc", 3, 1), 3);
-    p.w.reset();
-    EXPECT_EQ(buf_rx(p.r.get(), buf, 10, 1), 0);
-    // A pipe without a reader: EPIPE, not a signal (the daemon ignores SIGPIPE).
-    q.r.reset();
-    auto old = ::signal(SIGPIPE, SIG_IGN);
-    EXPECT_EQ(buf_tx(q.w.get(), "x", 1, 1), -1);
-    ::signal(SIGPIPE, old);
-    EXPECT_EQ(log.lines(),
-              (Lines{"error: buf_rx(): read(7): EOF", "error: buf_tx(): write(1): Broken pipe"}));
-}
-
-TEST(Io, InterruptedOpenIsRetriedAndCloseFailureReported) {
-    test::LogCapture log;
     test::TempDir dir;
     const std::string f = dir / "f";
     test::SyscallHooks hooks;
     hooks.fail_open(f, EINTR, 2);
     const int fd = fd_open(f.c_str(), O_RDWR | O_CREAT, 0600);
     EXPECT_EQ(hooks.open_calls(f), 3);
-    ASSERT_GE(fd, 0);
-    EXPECT_EQ(fd_close(fd), 0);
+    EXPECT_TRUE(fd >= 0 && fd_close(fd) == 0);
     EXPECT_EQ(fd_close(fd), -1);  // EBADF: logged, not retried
-    const std::string warn = "warn: fd_open(): open(" + f + "): Interrupted system call";
-    EXPECT_EQ(log.lines(), (Lines{warn, warn, "error: fd_close(): close(" + std::to_string(fd) +
-                                                  "): Bad file descriptor"}));
-}
 
-// The control connections' accept is end to end (its peer is in their lines).
-TEST(Io, ListenFailuresLeakNothing) {
-    test::LogCapture log;
+    char buf[16] = {};
+    EXPECT_EQ(buf_tx(p.w.get(), "abc", 3, 1), 3);
+    p.w.reset(), q.r.reset();
+    EXPECT_EQ(buf_rx(p.r.get(), buf, 10, 1), 0);
+    auto old = ::signal(SIGPIPE, SIG_IGN);
+    EXPECT_EQ(buf_tx(q.w.get(), "x", 1, 1), -1);
+    ::signal(SIGPIPE, old);
+
     const int before = UniqueFd(::dup(0)).get();  // the next free descriptor
     EXPECT_EQ(tcp_listen("localhost", 0, 0), -1);  // no name resolution
     UniqueFd ls(tcp_listen("127.0.0.1", 0, 0));
     struct sockaddr_in sa = {};
     socklen_t len = sizeof(sa);
     ASSERT_EQ(::getsockname(ls.get(), reinterpret_cast<sockaddr*>(&sa), &len), 0);
-    // The same port again: the bind fails and the socket is not leaked.
-    EXPECT_EQ(tcp_listen("127.0.0.1", ntohs(sa.sin_port), 5), -1);
+    EXPECT_EQ(tcp_listen("127.0.0.1", ntohs(sa.sin_port), 5), -1);  // the same port
     EXPECT_EQ(UniqueFd(::dup(0)).get(), before + 1);
-    EXPECT_EQ(log.lines(), (Lines{"error: tcp_listen(): inet_aton(localhost): failed",
-                                  "error: tcp_listen(): bind(127.0.0.1:" +
-                                      std::to_string(ntohs(sa.sin_port)) +
-                                      "): Address already in use"}));
+    const std::string warn = "warn: fd_open(): open(" + f + "): Interrupted system call";
+    EXPECT_EQ(log.lines(),
+              (Lines{warn, warn, "error: fd_close(): close(" + std::to_string(fd) + "): Bad file descriptor",
+                     "error: buf_rx(): read(7): EOF", "error: buf_tx(): write(1): Broken pipe",
+                     "error: tcp_listen(): inet_aton(localhost): failed",
+                     "error: tcp_listen(): bind(127.0.0.1:" + std::to_string(ntohs(sa.sin_port)) +
+                         "): Address already in use"}));
 }
 
 }  // namespace

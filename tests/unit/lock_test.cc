@@ -9,6 +9,7 @@
 
 #include <cerrno>
 #include <chrono>
+#include <filesystem>
 #include <string>
 #include <thread>
 #include <utility>
@@ -37,10 +38,8 @@ class LockTest : public ::testing::Test {
     bool exists(const std::string& name) const { return ::access(path(name).c_str(), F_OK) == 0; }
     // Another holder, as a program following the same protocol leaves it.
     void hold(const std::string& name) const { tmp_.write("locks/" + name, "4242\n"); }
-    // what + the lock path of name + tail
-    std::string line(const std::string& what, const std::string& name,
-                     const std::string& tail = "") const {
-        return what + path(name) + tail;
+    std::string line(const std::string& what, const std::string& name) const {
+        return what + path(name);
     }
 
     test::ScopedSettings settings_;
@@ -48,42 +47,13 @@ class LockTest : public ::testing::Test {
     test::LogCapture log_;
 };
 
-// The file holds the pid until released. A file that was created but could
-// not be completed is removed again, so that the name is not locked for good
-// by a lock nobody will release.
-TEST_F(LockTest, OwnFileHoldsThePidOrIsRemoved) {
-    EXPECT_EQ(PathLock("NODE-7", 750), 0);
-    EXPECT_EQ(tmp_.read("locks/NODE-7"), std::to_string(::getpid()) + "\n");
-    PathUnlock("NODE-7");
-    PathUnlock("NODE-7");  // already gone: a warning, nothing else
-    {
-        test::SyscallHooks hooks;
-        hooks.fail_fsync(EIO);
-        EXPECT_EQ(PathLock("NODE-3", 750), -4);
-    }
-    EXPECT_FALSE(exists("NODE-3"));
-    // The lock directory is not ours to make.
-    ASSERT_EQ(::rmdir((tmp_ / "locks").c_str()), 0);
-    EXPECT_EQ(PathLock("NODE-7", 750), -2);
-    EXPECT_NE(::access((tmp_ / "locks").c_str(), F_OK), 0);
-
-    const std::string lock = line("info: PathLock(): Lock ", "NODE-7");
-    const std::string unlock = line("info: PathUnlock(): Unlock ", "NODE-7");
-    const std::string enoent = line("(", "NODE-7", "): No such file or directory");
-    EXPECT_EQ(log_.lines_containing("/locks/"),
-              (Lines{lock, unlock, unlock, "warn: PathUnlock(): unlink" + enoent,
-                     line("info: PathLock(): Lock ", "NODE-3"),
-                     line("warn: PathLock(): fsync(", "NODE-3", "): Input/output error"), lock,
-                     "error: PathLock(): open" + enoent}));
-}
-
 void on_alarm(int) {}
 
 // Neither an interrupted create nor a sleep cut short by a signal changes
 // the back-off: each attempt here begins with two creates that fail with
 // EINTR, which are tried again at once and not counted, and SIGALRM arrives
 // every 20 ms, which only shortens the waits. At the end the holder goes
-// away during the back-off, and the lock is taken.
+// away during the back-off, and the lock is taken: the file holds our pid.
 TEST_F(LockTest, HeldLockWaitsDoublingStepsThenGivesUp) {
     hold("NODE-7");
     test::SyscallHooks hooks;
@@ -100,16 +70,14 @@ TEST_F(LockTest, HeldLockWaitsDoublingStepsThenGivesUp) {
         EXPECT_EQ(hooks.open_calls(path("NODE-7")), opens) << timeout_ms;
         Lines want;
         for (int w : waits)
-            want.push_back(line("notice: PathLock(): Contention on ", "NODE-7",
-                                ", sleep " + std::to_string(w) + "ms"));
+            want.push_back(line("notice: PathLock(): Contention on ", "NODE-7") + ", sleep " +
+                           std::to_string(w) + "ms");
         // Only a timeout of 0 (or less) gives up without a word.
-        if (timeout_ms > 0)
-            want.push_back(line("notice: PathLock(): Timed out locking ", "NODE-7"));
+        if (timeout_ms > 0) want.push_back(line("notice: PathLock(): Timed out locking ", "NODE-7"));
         EXPECT_EQ(log_.lines_containing("notice: "), want) << timeout_ms;
     }
     timer.reset();
     EXPECT_EQ(tmp_.read("locks/NODE-7"), "4242\n");  // the holder's file is left alone
-
     std::thread releaser([&] {
         log_.wait_for("Contention on " + path("NODE-7"), std::chrono::seconds(60));
         ::unlink(path("NODE-7").c_str());
@@ -119,28 +87,40 @@ TEST_F(LockTest, HeldLockWaitsDoublingStepsThenGivesUp) {
     EXPECT_EQ(tmp_.read("locks/NODE-7"), std::to_string(::getpid()) + "\n");
 }
 
-// A data store's name is cut to 14 bytes, with its kind's timeout. A
-// HeldLock releases by name what it took, on every way out, and never what
-// it could not take. Names that do not fit or would leave the lock
-// directory are refused before any file is touched.
-TEST_F(LockTest, NamesAndHeldLocks) {
-    cfg_datastore_lock_timeout_ms = 2;
-    const LockName ds = DatastoreLockName("0123456789abcdef");
-    EXPECT_EQ(std::string(ds.text) + std::to_string(ds.timeout_ms), "DS-0123456789abcd2");
+// A HeldLock releases by name what it took, on every way out, and never what
+// it could not take; a release of a lock already gone only warns. A file
+// that was created but could not be completed is removed again, so that the
+// name is not locked for good. A data store's name is cut to 14 bytes, with
+// its kind's timeout. Names that do not fit or would leave the lock
+// directory are refused before any file is touched, and the lock directory
+// is not ours to make.
+TEST_F(LockTest, ReleasesAndRefusals) {
     hold("NODE-8");
     for (unsigned int nodeid : {7u, 8u}) {
         HeldLock vdisk, node;
         EXPECT_EQ(vdisk.take(VDiskLockName("v1")), 0);
         EXPECT_EQ(node.take(NodeLockName(nodeid)), nodeid == 7 ? 0 : -1);
     }
-    EXPECT_TRUE(exists("NODE-8"));
-    EXPECT_FALSE(exists("VDISK-v1") || exists("NODE-7"));
+    EXPECT_TRUE(exists("NODE-8") && !exists("VDISK-v1") && !exists("NODE-7"));
+    PathUnlock("NODE-7");
+    {
+        test::SyscallHooks hooks;
+        hooks.fail_fsync(EIO);
+        EXPECT_EQ(PathLock("NODE-3", 750), -4);
+    }
+    EXPECT_FALSE(exists("NODE-3"));
     auto lk = [&](const char* n) { return line("info: PathLock(): Lock ", n); };
     auto ul = [&](const char* n) { return line("info: PathUnlock(): Unlock ", n); };
-    EXPECT_EQ(log_.lines_containing("info: "), (Lines{lk("VDISK-v1"), lk("NODE-7"), ul("NODE-7"),
-                                                      ul("VDISK-v1"), lk("VDISK-v1"), lk("NODE-8"),
-                                                      ul("VDISK-v1")}));
+    EXPECT_EQ(log_.lines(), (Lines{lk("VDISK-v1"), lk("NODE-7"), ul("NODE-7"), ul("VDISK-v1"),
+                                   lk("VDISK-v1"), lk("NODE-8"), ul("VDISK-v1"), ul("NODE-7"),
+                                   line("warn: PathUnlock(): unlink(", "NODE-7") +
+                                       "): No such file or directory",
+                                   lk("NODE-3"), line("warn: PathLock(): fsync(", "NODE-3") +
+                                       "): Input/output error"}));
     log_.clear();
+    cfg_datastore_lock_timeout_ms = 2;
+    const LockName ds = DatastoreLockName("0123456789abcdef");
+    EXPECT_EQ(std::string(ds.text) + std::to_string(ds.timeout_ms), "DS-0123456789abcd2");
     EXPECT_EQ(HeldLock().take(VDiskLockName(std::string(260, 'u').c_str())), -1);  // silent
     // A name that fits but makes the lock path one byte too long for 255.
     std::string name(255 - path("").size() + 1, 'n');
@@ -150,10 +130,15 @@ TEST_F(LockTest, NamesAndHeldLocks) {
     EXPECT_TRUE(exists(name));
     EXPECT_EQ(HeldLock().take(NodeLockNameStr("1/../../sentinel")), -2);
     PathUnlock("..");
+    std::filesystem::remove_all(tmp_ / "locks");
+    EXPECT_EQ(PathLock("NODE-7", 750), -2);
+    EXPECT_NE(::access((tmp_ / "locks").c_str(), F_OK), 0);
     EXPECT_EQ(log_.lines(), (Lines{line("error: PathLock(): too big lock path ", name),
                                    line("error: PathUnlock(): too big lock path ", name),
                                    "error: PathLock(): Bad lock name NODE-1/../../sentinel",
-                                   "error: PathUnlock(): Bad lock name .."}));
+                                   "error: PathUnlock(): Bad lock name ..", lk("NODE-7"),
+                                   line("error: PathLock(): open(", "NODE-7") +
+                                       "): No such file or directory"}));
 }
 
 }  // namespace

@@ -1,6 +1,6 @@
-// The bounded datagram reader, the walk over refused VDisk blocks, the VDisk
-// tree's order and duplicate rules, and the member initializers. Whole
-// blocks, overruns and duplicates in datagrams are the receive tables'.
+// The bounded datagram reader, the walk over refused VDisk blocks and the
+// VDisk's texts. Whole blocks, overruns and duplicates in datagrams are the
+// receive tables'.
 #include "store/object.h"
 
 #include <gtest/gtest.h>
@@ -18,31 +18,10 @@ namespace {
 
 using Names = std::vector<std::string>;
 
-std::unique_ptr<VDisk> vdisk_named(const std::string& uuid) {
-    auto vd = std::make_unique<VDisk>();
-    std::memcpy(vd->vde.uuid, uuid.data(), uuid.size());
-    EXPECT_EQ(VDiskInit(vd.get(), nullptr), 0) << uuid;
-    return vd;
-}
-
-TEST(VDiskTree, ByteOrder) {
-    VDiskTree t;
-    // Byte order, not numeric: a10 < a2 < b1; a prefix sorts first; bytes
-    // from 0x80 up sort after ASCII.
-    const char* ete = "\xc3\xa9t\xc3\xa9";
-    for (const char* u : {"b1", "a2", "a10", ete, "a", "z"}) {
-        auto vd = vdisk_named(u);
-        EXPECT_EQ(VDiskTree_RB_INSERT(&t, &vd), nullptr);
-        EXPECT_EQ(vd, nullptr);  // the tree took it
-    }
-    Names walk;
-    for (const auto& [uuid, vd] : t) walk.push_back(vd->vdiskuuid);
-    EXPECT_EQ(walk, (Names{"a", "a10", "a2", "b1", "z", ete}));
-
-}
-
-TEST(SmallObjects, VDisksAndMembers) {
-    test::LogCapture log;
+// A uuid that fills its field has no terminator there; a description is a
+// parent only for a snapshot; nothing is taken from a refused entry.
+TEST(VDiskInit, TextsOfTheEntry) {
+    test::LogCapture log;  // the refusal's line is the uuid check's
     VDisk vd;
     VDiskEntry vde{};
     std::memcpy(vde.uuid, "abcdefghijklmn", 14);  // fills the field, no terminator
@@ -58,13 +37,6 @@ TEST(SmallObjects, VDisksAndMembers) {
     EXPECT_EQ(VDiskInit(&vd, &vde), -1);
     EXPECT_STREQ(vd.vdiskuuid, "");
     EXPECT_STREQ(vd.parentuuid, "");
-
-    MemberList list(3);
-    const MemberEntry ids[] = {{4294967295u}, {9u}, {4294967295u}};
-    for (int i : {0, 1, 2}) MemberInit(&list[i], &ids[i]);
-    EXPECT_STREQ(list[0].uuid, "4294967295");
-    EXPECT_EQ(MemberLookup(&list, 4294967295u), &list[0]);  // the first of two
-    EXPECT_EQ(MemberLookup(&list, 6), nullptr);
 }
 
 TEST(DatagramReader, NeverPastTheReceivedLength) {
