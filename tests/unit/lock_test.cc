@@ -90,8 +90,7 @@ TEST_F(LockTest, HeldLockWaitsDoublingStepsThenGivesUp) {
 // A HeldLock releases by name what it took, on every way out, and never what
 // it could not take; a release of a lock already gone only warns. A file
 // that was created but could not be completed is removed again, so that the
-// name is not locked for good. A data store's name is cut to 14 bytes, with
-// its kind's timeout. Names that do not fit or would leave the lock
+// name is not locked for good. Names that do not fit or would leave the lock
 // directory are refused before any file is touched, and the lock directory
 // is not ours to make.
 TEST_F(LockTest, ReleasesAndRefusals) {
@@ -118,9 +117,6 @@ TEST_F(LockTest, ReleasesAndRefusals) {
                                    lk("NODE-3"), line("warn: PathLock(): fsync(", "NODE-3") +
                                        "): Input/output error"}));
     log_.clear();
-    cfg_datastore_lock_timeout_ms = 2;
-    const LockName ds = DatastoreLockName("0123456789abcdef");
-    EXPECT_EQ(std::string(ds.text) + std::to_string(ds.timeout_ms), "DS-0123456789abcd2");
     EXPECT_EQ(HeldLock().take(VDiskLockName(std::string(260, 'u').c_str())), -1);  // silent
     // A name that fits but makes the lock path one byte too long for 255.
     std::string name(255 - path("").size() + 1, 'n');

@@ -1,5 +1,6 @@
-// The generation-count encoding, the uuid check's bounds and the record
-// traces' bounds. (Record layouts are pinned by the static_asserts of netlib.h; the
+// The uuid check's bounds and the record traces' bounds. (The generation
+// count both ways is checked end to end: the announcement tests send it at
+// each version, the receive tables read it.) (Record layouts are pinned by the static_asserts of netlib.h; the
 // bytes of every datagram kind are checked end to end by the integration
 // tests; address numbers both ways by the VDisk load, list-file and
 // multicast group tests.)
@@ -21,39 +22,11 @@
 namespace corvald {
 namespace {
 
-using Bytes = std::vector<uint8_t>;
 using Lines = std::vector<std::string>;
 
-TEST(GenerationCount, BeforeAndAfterVersionOneEight) {
-    // The bytes at offsets 18-19 and 48-49 of the entry as sent, and the
-    // count a receiver reads.
-    const struct { uint8_t major, minor; unsigned count; Bytes sent; unsigned received; } cases[] = {
-        {1, 7, 123, {'2', '3', 0x00, 0x00}, 23}, {1, 8, 305, {'0', '5', 0x01, 0x31}, 305},
-        {0, 99, 7, {'0', '7', 0x00, 0x00}, 7}};
-    for (const auto& c : cases) {
-        Hdr h{.major = c.major, .minor = c.minor};
-        VDiskEntry v{};
-        vde_encode_mshipgencnt(&v, &h, c.count);
-        uint8_t raw[sizeof v];
-        std::memcpy(raw, &v, sizeof v);
-        SCOPED_TRACE(testing::Message() << c.count << " at " << +c.major << "." << +c.minor);
-        EXPECT_EQ((Bytes{raw[18], raw[19], raw[48], raw[49]}), c.sent);
-        vde_decode_mshipgencnt(&v, &h);
-        EXPECT_EQ(vde_mshipgencnt(&v), c.received);
-    }
-
-    // An old sender's stray full count is ignored; non-digits decode to a
-    // defined value: ('A' - '0') * 10 + (0x80 as -128) - '0', kept to 16 bits.
-    Hdr old{.major = 1, .minor = 0};
-    VDiskEntry v{
-        .name = {.old_mshipgencnt = {'A', static_cast<char>(0x80)}, .mshipgencnt = 0xFFFF}};
-    vde_decode_mshipgencnt(&v, &old);
-    EXPECT_EQ(vde_mshipgencnt(&v), static_cast<uint16_t>(17 * 10 + (-128 - 48)));
-}
-
 // The texts the receive tables refuse are test::kHostileNames; here the
-// field's bounds and the full-width line.
-TEST(UuidNames, FieldBounds) {
+// field's bounds and the full-width lines.
+TEST(UuidNames, FieldBoundsAndFullWidthLines) {
     const std::pair<std::string, bool> cases[] = {
         {"...", true},
         {"abcdefghijklmn", true},          // 14 bytes, no terminator
@@ -72,11 +45,8 @@ TEST(UuidNames, FieldBounds) {
     std::memcpy(v.uuid, "abcdefghij/lmn", 14);  // full width: printed within it
     EXPECT_EQ(vde_check_uuids(&v), -1);
     EXPECT_EQ(log.lines(), Lines{"error: vde_check_uuids(): Refused VDisk uuid \"abcdefghij/lmn\""});
-}
 
-// A text that fills its field is printed whole and no further.
-TEST(RecordTraces, FullWidthTextsStayInTheirFields) {
-    test::LogCapture log;  // every line, whatever the mask: the dumps must check it
+    // The traces too print a text that fills its field whole and no further.
     const int mask = setlogmask(LOG_UPTO(LOG_DEBUG));
     Hdr h{.type = msg::PING};
     std::memset(h.serial, 'S', sizeof h.serial);
@@ -84,7 +54,7 @@ TEST(RecordTraces, FullWidthTextsStayInTheirFields) {
     hdr_dump(&h);
     EXPECT_TRUE(log.contains("debug: hdr_dump(): serial=" + std::string(sizeof h.serial, 'S')))
         << log.dump();
-    VDiskEntry v{.uuid = "vd-0001", .snapshot = 2};
+    v = VDiskEntry{.uuid = "vd-0001", .snapshot = 2};
     v.description.snap = {.y = 24, .m = 1, .d = 5, .H = 7, .M = 8, .S = 9};
     std::memcpy(v.description.snap.parent, "parent-uuid-14", 14);
     std::memset(v.name.name, 'N', sizeof v.name.name);
