@@ -39,7 +39,7 @@ class AttrTest : public ::testing::Test {
     RecordDir dir_{"NodeCreate"};
 };
 
-TEST_F(AttrTest, ReadersTakeOneValueAndOneLineFeed) {
+TEST_F(AttrTest, ReadersTakeOneValueAndOneLineFeedWritersRewriteAndFlushOnce) {
     // key, content; StringLoad into a 14-byte field: its result, the field
     // and one guard byte; AttrLoad "%u": its result, the value (7: untouched)
     const std::string untouched(15, '#');
@@ -67,11 +67,9 @@ TEST_F(AttrTest, ReadersTakeOneValueAndOneLineFeed) {
                "error: StringLoad(): Oversized file n256",
                "error: AttrLoad(): Oversized file n256"}));
 
-}
-
-// Files are truncated on rewrite; a batch
-// is flushed once when its directory closes, even after a failed write.
-TEST_F(AttrTest, WritesRewriteInPlaceABatchIsFlushedOnceAndPathsFit) {
+    // Files are truncated on rewrite; a batch is flushed once when its
+    // directory closes, even after a failed write.
+    log_.clear();
     EXPECT_EQ(AttrStore(dir_.fd(), "freespace", "%u\n", 123456u), 7);
     EXPECT_EQ(AttrStore(dir_.fd(), "freespace", "%u\n", 7u), 2);
     EXPECT_EQ(tmp_.read("Node/12/freespace"), "7\n");
