@@ -58,7 +58,7 @@ TEST_F(VDiskLoadTest, LoadsInOrderAndFailsEachStepWithItsLine) {
     for (std::string l : log_.lines_containing(rec_))
         steps += l.erase(0, l.rfind('/') + 1).substr(0, l.find_first_of("= ")) + ",";
     EXPECT_EQ(steps, "vd1,transaction_id,uuid,name,sector_size,sectors,replicas,st_mems,st_size,"
-                     "snapshot,memberinfo,7,numkeys,seqno,status,port,st_mem,"
+                     "snapshot,description,memberinfo,7,numkeys,seqno,status,port,st_mem,"
                      "membership_gen_count,membership,membership,frontend,frontend,");
 
     // Each failing step and (a part of) the line it logs.
