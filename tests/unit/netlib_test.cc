@@ -1,6 +1,6 @@
-// The uuid check's bounds and the record traces' bounds. (The generation
-// count both ways is checked end to end: the announcement tests send it at
-// each version, the receive tables read it.) (Record layouts are pinned by the static_asserts of netlib.h; the
+// The uuid check's bounds, the record traces' bounds and an old sender's
+// generation count. (The count both ways at each version is checked end to
+// end: the announcement tests send it, the receive tables read it.) (Record layouts are pinned by the static_asserts of netlib.h; the
 // bytes of every datagram kind are checked end to end by the integration
 // tests; address numbers both ways by the VDisk load, list-file and
 // multicast group tests.)
@@ -23,6 +23,15 @@ namespace corvald {
 namespace {
 
 using Lines = std::vector<std::string>;
+
+// An old sender's stray full count is ignored; non-digits decode to a
+// defined value: ('A' - '0') * 10 + (0x80 as -128) - '0', kept to 16 bits.
+TEST(GenerationCount, OldSendersBytesDecodeAsSigned) {
+    Hdr old{.major = 1, .minor = 0};
+    VDiskEntry v{.name = {.old_mshipgencnt = {'A', static_cast<char>(0x80)}, .mshipgencnt = 0xFFFF}};
+    vde_decode_mshipgencnt(&v, &old);
+    EXPECT_EQ(vde_mshipgencnt(&v), static_cast<uint16_t>(17 * 10 + (-128 - 48)));
+}
 
 // The texts the receive tables refuse are test::kHostileNames; here the
 // field's bounds and the full-width lines.
