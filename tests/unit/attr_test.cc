@@ -67,10 +67,15 @@ TEST_F(AttrTest, ReadersTakeOneValueAndOneLineFeedWritersRewriteAndFlushOnce) {
                "error: StringLoad(): Oversized file n256",
                "error: AttrLoad(): Oversized file n256"}));
 
-    // Files are truncated on rewrite; a batch is flushed once when its
+    // Files are created 0666 less the umask and truncated on rewrite; a batch is flushed once when its
     // directory closes, even after a failed write.
     log_.clear();
+    mode_t old_mask = ::umask(022);
     EXPECT_EQ(AttrStore(dir_.fd(), "freespace", "%u\n", 123456u), 7);
+    ::umask(old_mask);
+    struct stat st;
+    ASSERT_EQ(::stat((record_ + "/freespace").c_str(), &st), 0);
+    EXPECT_EQ(st.st_mode & 0777, 0644u);
     EXPECT_EQ(AttrStore(dir_.fd(), "freespace", "%u\n", 7u), 2);
     EXPECT_EQ(tmp_.read("Node/12/freespace"), "7\n");
 

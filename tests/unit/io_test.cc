@@ -1,6 +1,7 @@
 #include "util/io.h"
 
 #include <arpa/inet.h>
+#include <fcntl.h>
 #include <gtest/gtest.h>
 #include <netinet/in.h>
 #include <signal.h>
@@ -11,6 +12,8 @@
 
 #include "support/log_capture.h"
 #include "support/signals.h"
+#include "support/syscall_hooks.h"
+#include "support/temp_dir.h"
 #include "util/unique_fd.h"
 
 namespace corvald {
@@ -51,7 +54,12 @@ TEST(Io, RetriesAndFailures) {
         EXPECT_STREQ(buf, "xyz");
         EXPECT_GE(alarms, 3);
     }
-    const int fd = ::dup(0);
+    test::TempDir dir;
+    const std::string f = dir / "f";
+    test::SyscallHooks hooks;
+    hooks.fail_open(f, EINTR, 2);
+    const int fd = fd_open(f.c_str(), O_RDWR | O_CREAT, 0600);
+    EXPECT_EQ(hooks.open_calls(f), 3);
     EXPECT_TRUE(fd >= 0 && fd_close(fd) == 0);
     EXPECT_EQ(fd_close(fd), -1);  // EBADF: logged, not retried
 
@@ -71,8 +79,9 @@ TEST(Io, RetriesAndFailures) {
     ASSERT_EQ(::getsockname(ls.get(), reinterpret_cast<sockaddr*>(&sa), &len), 0);
     EXPECT_EQ(tcp_listen("127.0.0.1", ntohs(sa.sin_port), 5), -1);  // the same port
     EXPECT_EQ(UniqueFd(::dup(0)).get(), before + 1);
+    const std::string warn = "warn: fd_open(): open(" + f + "): Interrupted system call";
     EXPECT_EQ(log.lines(),
-              (Lines{"error: fd_close(): close(" + std::to_string(fd) + "): Bad file descriptor",
+              (Lines{warn, warn, "error: fd_close(): close(" + std::to_string(fd) + "): Bad file descriptor",
                      "error: buf_rx(): read(7): EOF", "error: buf_tx(): write(1): Broken pipe",
                      "error: tcp_listen(): inet_aton(localhost): failed",
                      "error: tcp_listen(): bind(127.0.0.1:" + std::to_string(ntohs(sa.sin_port)) +

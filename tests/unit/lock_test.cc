@@ -117,6 +117,9 @@ TEST_F(LockTest, ReleasesAndRefusals) {
                                    lk("NODE-3"), line("warn: PathLock(): fsync(", "NODE-3") +
                                        "): Input/output error"}));
     log_.clear();
+    cfg_datastore_lock_timeout_ms = 2;  // a data store's name is cut to 14 bytes
+    const LockName ds = DatastoreLockName("0123456789abcdef");
+    EXPECT_EQ(std::string(ds.text) + std::to_string(ds.timeout_ms), "DS-0123456789abcd2");
     EXPECT_EQ(HeldLock().take(VDiskLockName(std::string(260, 'u').c_str())), -1);  // silent
     // A name that fits but makes the lock path one byte too long for 255.
     std::string name(255 - path("").size() + 1, 'n');

@@ -42,6 +42,11 @@ TEST(NodeTest, StopsAtTheFirstBadAttribute) {
     tmp.write("Node/12/datastoremember", "..\n");
     EXPECT_EQ(NodeLoad_DSMember("12", dsuuid, sizeof dsuuid), -2);
     EXPECT_EQ(log.lines().back() + dsuuid, "error: NodeLoad_DSMember(): Malformed " + rec + "/datastoremember: ..");
+    // Already gone is fine; a node without one has no data store.
+    Hdr hdr = {};
+    hdr.type = msg::DS_PING, hdr.uid = 12;
+    ASSERT_EQ(NodeUpdate_UnrefDatastore(&hdr) + NodeUpdate_UnrefDatastore(&hdr), 0);
+    EXPECT_EQ(NodeLoad_DSMember("12", dsuuid, sizeof dsuuid), -1);
 }
 
 }  // namespace
