@@ -59,7 +59,8 @@ struct Host {
         s.cfg.values["json_ping_interval"] = json_ping_interval;
         d.emplace(std::vector<std::string>{"-dd", "-C", s.conf()}, s.dir);
         for (int i = 0; i < 3; ++i) EXPECT_TRUE(sink.next());  // the start-up announcements
-        sockaddr_in sa = {AF_INET, htons(uint16_t(s.cfg.ctrl_port())), {htonl(INADDR_LOOPBACK)}};
+        sockaddr_in sa = {
+            AF_INET, htons(uint16_t(s.cfg.ctrl_port())), {htonl(INADDR_LOOPBACK)}, {}};
         EXPECT_EQ(::connect(ctrl.get(), reinterpret_cast<sockaddr*>(&sa), sizeof sa), 0);
     }
     std::string v2(const std::string& rel) const { return s.db() + "/v2/" + rel; }
@@ -105,7 +106,11 @@ TEST(Json, CommandsAndDatagramsStoreListAndDelete) {
     // Each thing handed in, the error lines it logs, the datagram it sends
     // (a datagram too many shifts every later one) and the files it leaves.
     // clang-format off
-    const struct { std::string in; std::vector<std::string> errors; std::string sent; Files files;
+    const struct {
+        std::string in;
+        std::vector<std::string> errors;
+        std::string sent = "";
+        Files files = {};
     } rows[] = {
         {"store_json|1|apps/|cfg.json|" + pipe + "\n", {}, sent(36, e),
          {{cfg, pipe}, {cfg + ".mtd", e.substr(0, 146)}, {idx, cfg + "\n"}}},
@@ -113,13 +118,15 @@ TEST(Json, CommandsAndDatagramsStoreListAndDelete) {
          {"error: json_cmd_handler(): Refused JSON path ../ filename keep: outside the JSON tree"}},
         {"store_json|1|apps/|cfg.json|\n",
          {"error: parse_json_params(): Failed to get json param CTRL store_json", parse}},
+        {"store_json|1|apps/\n", {parse}},
         {"store_json|0123456789abcdef|apps/|n.json|[9]\n",
          {"error: copyParam(): Too big parameter max size 16",
           "error: parse_json_params(): Failed to handle uuid param CTRL store_json", parse}},
         {"store_json|99||n|[9]\n", {}, sent(36, e99), {{h.v2("n.mtd"), e99.substr(0, 146)}}},
         {"delete_json|1|apps/|cfg.json|x\n", {}, sent(37, entry("1", "apps/", "cfg.json", "x")),
          {{cfg, "<missing>"}, {cfg + ".mtd", "<missing>"}, {idx, h.v2("n") + "\n"}}},
-        {hdr + d, {}, "", {{doc, "[5]"}, {doc + ".mtd", d.substr(0, 146)}, {idx, h.v2("n") + "\n"}}},
+        {hdr + d, {}, "",
+         {{doc, "[5]"}, {doc + ".mtd", d.substr(0, 146)}, {idx, h.v2("n") + "\n"}}},
         {header(37, 7).b + entry("7", "peer/", "d.json", "x"), {}, "",
          {{doc, "<missing>"}, {doc + ".mtd", "<missing>"}}},
         {(hdr + entry("7", "", "h.json", "")).substr(0, 352), {malformed + "header"}, "",
@@ -130,8 +137,9 @@ TEST(Json, CommandsAndDatagramsStoreListAndDelete) {
     // clang-format on
     for (const auto& [in, errors, sent, files] : rows) {
         EXPECT_EQ(h.in(in), errors) << in;
-        if (!sent.empty())
+        if (!sent.empty()) {
             EXPECT_EQ(seen(h.sink.next()), sent) << in;
+        }
         h.expect(files);
     }
     EXPECT_EQ(h.d->matching("Node 99 not found in local DB use local node instead").size(), 1u);
