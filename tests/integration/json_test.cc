@@ -106,12 +106,8 @@ TEST(Json, CommandsAndDatagramsStoreListAndDelete) {
     // Each thing handed in, the error lines it logs, the datagram it sends
     // (a datagram too many shifts every later one) and the files it leaves.
     // clang-format off
-    const struct {
-        std::string in;
-        std::vector<std::string> errors;
-        std::string sent = "";
-        Files files = {};
-    } rows[] = {
+    const struct { std::string in; std::vector<std::string> errors; std::string sent = "";
+                   Files files = {}; } rows[] = {
         {"store_json|1|apps/|cfg.json|" + pipe + "\n", {}, sent(36, e),
          {{cfg, pipe}, {cfg + ".mtd", e.substr(0, 146)}, {idx, cfg + "\n"}}},
         {"store_json|1|../|keep|{}\n",
