@@ -21,10 +21,7 @@ using Lines = std::vector<std::string>;
 const std::string E = "error: controller_thread_loop(): ", kToV = "-> ../../../VDisk/",
                   kStale = "notice: controller_thread_loop(): Stale VDisk ";
 
-struct Row {
-    std::string dgram, changes;
-    Lines lines = {};
-};
+struct Row { std::string dgram, changes; Lines lines = {}; };
 
 // What the stale check says of a link of node n to VDisk zz, which has no record.
 Lines stale_zz(const std::string& n) {
@@ -36,12 +33,9 @@ Lines stale_zz(const std::string& n) {
 // "%" for VDisk/vd1/, "#" for its memberinfo/, "&" for Datastore/ds1/vdisks/
 // and "$" for Node/1/vdisks/.
 std::string x(std::string t) {
-    const std::pair<char, std::string> tokens[] = {{'~', "<missing>"},
-                                                   {'^', "=" + kToV},
-                                                   {'#', "VDisk/vd1/memberinfo/"},
-                                                   {'%', "VDisk/vd1/"},
-                                                   {'&', "Datastore/ds1/vdisks/"},
-                                                   {'$', "Node/1/vdisks/"}};
+    const std::pair<char, std::string> tokens[] = {
+        {'~', "<missing>"}, {'^', "=" + kToV}, {'#', "VDisk/vd1/memberinfo/"}, {'%', "VDisk/vd1/"},
+        {'&', "Datastore/ds1/vdisks/"}, {'$', "Node/1/vdisks/"}};
     for (const auto& [c, text] : tokens)
         for (size_t i; (i = t.find(c)) != t.npos;) t.replace(i, 1, text);
     return t;
@@ -162,8 +156,7 @@ TEST(Receive, GenerationsDecideWhatAnAnnouncementChanges) {
     // Before 1.8 a peer has two digits of the count (106 of 100); from 1.8 on the field counts.
     run(r, {a(3, 106, {3, 7}, 7,
               "Node/3/version=v1.7, %highest_gen_count=6, #3/membership_gen_count=6, #3/seqno=7, "
-              "%sectors=700,",
-              0, 7),
+              "%sectors=700,", 0, 7),
             a(7, 107, {7}, 8,
               "Node/3/vdisks/vd1=~ %highest_gen_count=107, #3=~ #7/membership_gen_count=107, "
               "#7/seqno=8, %membership=7, %sectors=800,")});
