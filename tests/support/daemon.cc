@@ -16,6 +16,7 @@
 #include <cerrno>
 #include <cstdlib>
 #include <cstring>
+#include <filesystem>
 #include <set>
 #include <stdexcept>
 
@@ -84,10 +85,9 @@ TestConfig::TestConfig(const TempDir& dir) {
         {"ctrl_port", std::to_string(free_port())},
         {"fence_check", dir / "fencecheck"},
     };
-    for (const char* name : {"local_nodes", "unicast_hosts"}) {
+    for (const char* name : {"local_nodes", "unicast_hosts"})
         if (read_file(dir / name) == "<missing>")
             dir.write(name, "");
-    }
 }
 
 std::string TestConfig::write(const TempDir& dir, const std::string& name) const {
@@ -101,7 +101,8 @@ bool syslog_available() {
     return ok;
 }
 
-Daemon::Daemon(const std::vector<std::string>& args, const TempDir& work, LogVia via) {
+Daemon::Daemon(const std::vector<std::string>& args, const TempDir& work, LogVia via)
+    : work_(work.path()) {
     std::string devroot = work / "dev";
     if (via == LogVia::Syslog) {
         if (!syslog_available())
@@ -152,15 +153,20 @@ Daemon::Daemon(const std::vector<std::string>& args, const TempDir& work, LogVia
 }
 
 Daemon::~Daemon() {
-    for (pid_t pid : detached_) ::kill(pid, SIGKILL);
+    // Whatever runs inside the work directory is this run's: a detached
+    // daemon too, whose pid the test may never have read.
+    namespace fs = std::filesystem;
+    std::error_code ec, none;
+    for (fs::directory_iterator it("/proc", ec); !ec && it != fs::directory_iterator();
+         it.increment(ec))
+        if (fs::read_symlink(it->path() / "cwd", none).string().starts_with(work_ + "/"))
+            ::kill(std::atoi(it->path().filename().c_str()), SIGKILL);
     if (!exited_ && child_ > 0) {
         ::kill(child_, SIGKILL);
         ::waitpid(child_, nullptr, 0);
     }
-    if (err_fd_ >= 0)
-        ::close(err_fd_);
-    if (log_fd_ >= 0)
-        ::close(log_fd_);
+    ::close(err_fd_);  // -1 when closed already or never opened: harmless
+    ::close(log_fd_);
 }
 
 void Daemon::take_stderr_bytes(const char* p, size_t n) {
@@ -239,10 +245,7 @@ std::optional<pid_t> Daemon::wait_pid_file(const std::string& path, milliseconds
     };
     if (!until(timeout, complete, [&] { pump(milliseconds(5)); }))
         return std::nullopt;
-    pid_t pid = std::stoi(text);
-    if (pid != child_)
-        detached_.push_back(pid);
-    return pid;
+    return std::stoi(text);
 }
 
 bool Daemon::wait_gone(pid_t pid, milliseconds timeout) {

@@ -1,9 +1,7 @@
 // Datagrams from the test to a daemon under test, over the loopback range.
 #pragma once
 
-#include <cstddef>
 #include <chrono>
-#include <cstdint>
 #include <optional>
 #include <string>
 
