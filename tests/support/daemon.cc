@@ -14,7 +14,6 @@
 #include <unistd.h>
 
 #include <cerrno>
-#include <cstdlib>
 #include <cstring>
 #include <filesystem>
 #include <set>
@@ -97,7 +96,18 @@ std::string TestConfig::write(const TempDir& dir, const std::string& name) const
 }
 
 bool syslog_available() {
-    static const bool ok = ::geteuid() == 0 && std::system("unshare -m true 2>/dev/null") == 0;
+    // The runner's private /dev needs root, a mount namespace and a "/" that
+    // can be made private there (not so inside a chroot): tried in a child.
+    static const bool ok = [] {
+        const pid_t pid = ::fork();
+        if (pid == 0)
+            _exit(::geteuid() == 0 && ::unshare(CLONE_NEWNS) == 0 &&
+                          ::mount(nullptr, "/", nullptr, MS_REC | MS_PRIVATE, nullptr) == 0
+                      ? 0
+                      : 1);
+        int st = 1;
+        return pid > 0 && ::waitpid(pid, &st, 0) == pid && st == 0;
+    }();
     return ok;
 }
 
@@ -180,12 +190,6 @@ void Daemon::take_stderr_bytes(const char* p, size_t n) {
     }
 }
 
-void Daemon::take_syslog_datagram(const char* p, size_t n) {
-    // "<pri>Mmm dd hh:mm:ss ident[pid]: message"
-    const std::string raw(p, n);
-    lines_.push_back({strip_ident(raw), raw});
-}
-
 void Daemon::pump(milliseconds timeout) {
     struct pollfd pf[2] = {{err_fd_, POLLIN, 0}, {log_fd_, POLLIN, 0}};
     if (::poll(pf, 2, static_cast<int>(timeout.count())) <= 0)
@@ -202,9 +206,12 @@ void Daemon::pump(milliseconds timeout) {
             err_fd_ = -1;
         }
     }
+    // "<pri>Mmm dd hh:mm:ss ident[pid]: message"
     for (ssize_t r;
-         pf[1].revents != 0 && (r = ::recv(log_fd_, buf, sizeof(buf), MSG_DONTWAIT)) > 0;)
-        take_syslog_datagram(buf, static_cast<size_t>(r));
+         pf[1].revents != 0 && (r = ::recv(log_fd_, buf, sizeof(buf), MSG_DONTWAIT)) > 0;) {
+        const std::string raw(buf, static_cast<size_t>(r));
+        lines_.push_back({strip_ident(raw), raw});
+    }
 }
 
 std::optional<LoggedLine> Daemon::wait_for_after(size_t mark, const std::string& needle,

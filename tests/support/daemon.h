@@ -50,6 +50,7 @@ struct TestConfig {
 // asked; each call gives a different one.
 int free_port();
 
+// Whether LogVia::Syslog can run here.
 bool syslog_available();
 
 class Daemon {
@@ -104,7 +105,6 @@ public:
 private:
     void pump(std::chrono::milliseconds timeout);
     void take_stderr_bytes(const char* p, size_t n);
-    void take_syslog_datagram(const char* p, size_t n);
 
     pid_t child_ = -1;
     std::string work_;
