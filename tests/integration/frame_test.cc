@@ -179,7 +179,8 @@ TEST(Frame, LogMaskDetachingAndTheStop) {
         }
     }
     if (!syslog)
-        GTEST_SKIP() << "detached runs need root and mount namespaces for a /dev/log of their own";
+        GTEST_SKIP() << "detached runs need root, a mount namespace and a \"/\" that can be made "
+                        "private for a /dev/log of their own";
 }
 
 }  // namespace

@@ -20,9 +20,7 @@ TEST(Receive, EachKindLandsInTheStore) {
     ASSERT_TRUE(d.wait_for("BIND UDP"));
     const std::string seed_ping = look(s.db() + "/Node/1/lastping");
     // Each datagram, the store path it changes and what is there after it.
-    const struct {
-        std::string dgram, path, after;
-    } rows[] = {
+    const struct { std::string dgram, path, after; } rows[] = {
         {header(16, 7).demo_node().datastore("ds01").b, "Datastore/ds01/members/7", "-> ../../../Node/7"},
         {header(4, 7).demo_node().vdisk({"vd7", {7}}).b, "VDisk/vd7/memberinfo/7", "<dir>"},
         {header(33, 7).demo_node().vdisk({kPlain, {1, 7}}).b, "VDisk/" + kPlain + "/membership", "1\n7\n"},
@@ -34,8 +32,8 @@ TEST(Receive, EachKindLandsInTheStore) {
     for (const auto& [dgram, path, after] : rows) {
         // Datagrams are handled in their order: once the trace of a marker of
         // unknown type sent behind one is there, so is that one's work.
-        ASSERT_TRUE(send_datagram(dgram, s.cfg.bind_port()));
-        ASSERT_TRUE(send_datagram(header(5, ++marker).b, s.cfg.bind_port()));
+        ASSERT_TRUE(send_datagram(dgram, s.cfg.bind_port()) &&
+                    send_datagram(header(5, ++marker).b, s.cfg.bind_port()));
         ASSERT_TRUE(d.wait_for("debug: hdr_dump(): uid=" + std::to_string(marker)));
         const std::string now = look(s.db() + "/" + path);
         EXPECT_TRUE(after.empty() ? now != seed_ping : now == after) << path << ": " << now;

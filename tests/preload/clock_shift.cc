@@ -4,7 +4,6 @@
 // is left alone, as a step of the system clock leaves it.
 #include <dlfcn.h>
 #include <fcntl.h>
-#include <sys/time.h>
 #include <time.h>
 #include <unistd.h>
 
@@ -48,14 +47,6 @@ time_t time(time_t* out) {
     if (out != nullptr)
         *out = ts.tv_sec;
     return ts.tv_sec;
-}
-
-int gettimeofday(struct timeval* tv, void* tz) {
-    static auto real = next<int (*)(struct timeval*, void*)>("gettimeofday");
-    int rc = real(tv, tz);
-    if (rc == 0)
-        tv->tv_sec += shift();
-    return rc;
 }
 
 }  // extern "C"

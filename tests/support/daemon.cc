@@ -14,8 +14,8 @@
 #include <unistd.h>
 
 #include <cerrno>
-#include <cstdlib>
 #include <cstring>
+#include <filesystem>
 #include <set>
 #include <stdexcept>
 
@@ -84,10 +84,9 @@ TestConfig::TestConfig(const TempDir& dir) {
         {"ctrl_port", std::to_string(free_port())},
         {"fence_check", dir / "fencecheck"},
     };
-    for (const char* name : {"local_nodes", "unicast_hosts"}) {
+    for (const char* name : {"local_nodes", "unicast_hosts"})
         if (read_file(dir / name) == "<missing>")
             dir.write(name, "");
-    }
 }
 
 std::string TestConfig::write(const TempDir& dir, const std::string& name) const {
@@ -97,11 +96,23 @@ std::string TestConfig::write(const TempDir& dir, const std::string& name) const
 }
 
 bool syslog_available() {
-    static const bool ok = ::geteuid() == 0 && std::system("unshare -m true 2>/dev/null") == 0;
+    // The runner's private /dev needs root, a mount namespace and a "/" that
+    // can be made private there (not so inside a chroot): tried in a child.
+    static const bool ok = [] {
+        const pid_t pid = ::fork();
+        if (pid == 0)
+            _exit(::geteuid() == 0 && ::unshare(CLONE_NEWNS) == 0 &&
+                          ::mount(nullptr, "/", nullptr, MS_REC | MS_PRIVATE, nullptr) == 0
+                      ? 0
+                      : 1);
+        int st = 1;
+        return pid > 0 && ::waitpid(pid, &st, 0) == pid && st == 0;
+    }();
     return ok;
 }
 
-Daemon::Daemon(const std::vector<std::string>& args, const TempDir& work, LogVia via) {
+Daemon::Daemon(const std::vector<std::string>& args, const TempDir& work, LogVia via)
+    : work_(work.path()) {
     std::string devroot = work / "dev";
     if (via == LogVia::Syslog) {
         if (!syslog_available())
@@ -152,15 +163,20 @@ Daemon::Daemon(const std::vector<std::string>& args, const TempDir& work, LogVia
 }
 
 Daemon::~Daemon() {
-    for (pid_t pid : detached_) ::kill(pid, SIGKILL);
+    // Whatever runs inside the work directory is this run's: a detached
+    // daemon too, whose pid the test may never have read.
+    namespace fs = std::filesystem;
+    std::error_code ec, none;
+    for (fs::directory_iterator it("/proc", ec); !ec && it != fs::directory_iterator();
+         it.increment(ec))
+        if (fs::read_symlink(it->path() / "cwd", none).string().starts_with(work_ + "/"))
+            ::kill(std::atoi(it->path().filename().c_str()), SIGKILL);
     if (!exited_ && child_ > 0) {
         ::kill(child_, SIGKILL);
         ::waitpid(child_, nullptr, 0);
     }
-    if (err_fd_ >= 0)
-        ::close(err_fd_);
-    if (log_fd_ >= 0)
-        ::close(log_fd_);
+    ::close(err_fd_);  // -1 when closed already or never opened: harmless
+    ::close(log_fd_);
 }
 
 void Daemon::take_stderr_bytes(const char* p, size_t n) {
@@ -172,12 +188,6 @@ void Daemon::take_stderr_bytes(const char* p, size_t n) {
         if (log_fd_ < 0 || message == raw)
             lines_.push_back({message, raw});
     }
-}
-
-void Daemon::take_syslog_datagram(const char* p, size_t n) {
-    // "<pri>Mmm dd hh:mm:ss ident[pid]: message"
-    const std::string raw(p, n);
-    lines_.push_back({strip_ident(raw), raw});
 }
 
 void Daemon::pump(milliseconds timeout) {
@@ -196,9 +206,12 @@ void Daemon::pump(milliseconds timeout) {
             err_fd_ = -1;
         }
     }
+    // "<pri>Mmm dd hh:mm:ss ident[pid]: message"
     for (ssize_t r;
-         pf[1].revents != 0 && (r = ::recv(log_fd_, buf, sizeof(buf), MSG_DONTWAIT)) > 0;)
-        take_syslog_datagram(buf, static_cast<size_t>(r));
+         pf[1].revents != 0 && (r = ::recv(log_fd_, buf, sizeof(buf), MSG_DONTWAIT)) > 0;) {
+        const std::string raw(buf, static_cast<size_t>(r));
+        lines_.push_back({strip_ident(raw), raw});
+    }
 }
 
 std::optional<LoggedLine> Daemon::wait_for_after(size_t mark, const std::string& needle,
@@ -239,10 +252,7 @@ std::optional<pid_t> Daemon::wait_pid_file(const std::string& path, milliseconds
     };
     if (!until(timeout, complete, [&] { pump(milliseconds(5)); }))
         return std::nullopt;
-    pid_t pid = std::stoi(text);
-    if (pid != child_)
-        detached_.push_back(pid);
-    return pid;
+    return std::stoi(text);
 }
 
 bool Daemon::wait_gone(pid_t pid, milliseconds timeout) {

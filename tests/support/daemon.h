@@ -50,6 +50,7 @@ struct TestConfig {
 // asked; each call gives a different one.
 int free_port();
 
+// Whether LogVia::Syslog can run here.
 bool syslog_available();
 
 class Daemon {
@@ -59,7 +60,7 @@ public:
     // Starts CORVALD_BIN with args (argv[0] is added). With LogVia::Syslog
     // the run gets its own /dev/log under work.
     Daemon(const std::vector<std::string>& args, const TempDir& work, LogVia via = LogVia::Stderr);
-    ~Daemon();  // kills whatever is still running
+    ~Daemon();  // kills whatever still runs in the work directory
     Daemon(const Daemon&) = delete;
     Daemon& operator=(const Daemon&) = delete;
 
@@ -86,8 +87,7 @@ public:
     std::vector<std::string> matching(const std::string& needle, size_t from = 0);
 
     // Waits until the pid file at path holds a complete "<pid>\n" and
-    // returns that pid (killed with the runner too: detached daemons are
-    // not the runner's children); nullopt on timeout.
+    // returns that pid; nullopt on timeout.
     std::optional<pid_t> wait_pid_file(const std::string& path,
                                        std::chrono::milliseconds timeout = 20s);
     // Waits until pid (default: the child) has a handler for sig, that is
@@ -105,10 +105,9 @@ public:
 private:
     void pump(std::chrono::milliseconds timeout);
     void take_stderr_bytes(const char* p, size_t n);
-    void take_syslog_datagram(const char* p, size_t n);
 
     pid_t child_ = -1;
-    std::vector<pid_t> detached_;
+    std::string work_;
     bool exited_ = false;
     int status_ = 0;
     int err_fd_ = -1;

@@ -25,22 +25,17 @@ struct LogSink {
     // Takes the line if a capture is alive; false lets it pass to syslog.
     bool take(int pri, const char* fmt, va_list ap) {
         std::lock_guard<std::mutex> lock(mu);
-        if (live.empty())
-            return false;
+        if (live.empty()) return false;
         char* formatted = nullptr;
         std::string text = ::vasprintf(&formatted, fmt, ap) >= 0 ? formatted : "";
         std::free(formatted);
-        int mask = ::setlogmask(0);
-        for (LogCapture* c : live) {
-            if (c->mask_ == LogCapture::Mask::kOpen || (LOG_MASK(LOG_PRI(pri)) & mask) != 0)
-                c->lines_.push_back({LOG_PRI(pri), text});
-        }
+        for (LogCapture* c : live) c->lines_.push_back({LOG_PRI(pri), text});
         cv.notify_all();
         return true;
     }
 };
 
-LogCapture::LogCapture(Mask mask) : mask_(mask) {
+LogCapture::LogCapture() {
     std::lock_guard<std::mutex> lock(LogSink::get().mu);
     LogSink::get().live.push_back(this);
 }
@@ -55,25 +50,15 @@ std::vector<LogLine> LogCapture::entries() const {
     return lines_;
 }
 
-std::vector<std::string> LogCapture::lines() const {
-    return lines_containing("");
-}
-
 std::vector<std::string> LogCapture::lines_containing(const std::string& part) const {
     std::vector<std::string> out;
     for (const LogLine& l : entries())
-        if (l.text.find(part) != std::string::npos)
-            out.push_back(l.text);
+        if (l.text.find(part) != std::string::npos) out.push_back(l.text);
     return out;
 }
 
-bool LogCapture::contains(const std::string& line) const {
-    return count(line) > 0;
-}
-
 size_t LogCapture::count(const std::string& line) const {
-    auto all = lines();
-    return static_cast<size_t>(std::count(all.begin(), all.end(), line));
+    return static_cast<size_t>(std::ranges::count(lines(), line));
 }
 
 void LogCapture::clear() {
@@ -84,9 +69,8 @@ void LogCapture::clear() {
 bool LogCapture::wait_for(const std::string& part, std::chrono::milliseconds timeout) const {
     std::unique_lock<std::mutex> lock(LogSink::get().mu);
     return LogSink::get().cv.wait_for(lock, timeout, [&] {
-        return std::any_of(lines_.begin(), lines_.end(), [&](const LogLine& l) {
-            return l.text.find(part) != std::string::npos;
-        });
+        return std::any_of(lines_.begin(), lines_.end(),
+                           [&](const LogLine& l) { return l.text.find(part) != std::string::npos; });
     });
 }
 
@@ -102,18 +86,11 @@ std::string LogCapture::dump() const {
 // _FORTIFY_SOURCE. Without a live capture the line goes to the C library's
 // vsyslog, so the daemon's own logging set-up (openlog, LOG_PERROR) still
 // works in tests that want it.
-extern "C" void syslog(int pri, const char* fmt, ...) {
-    va_list ap;
-    va_start(ap, fmt);
-    if (!corvald::test::LogSink::get().take(pri, fmt, ap))
-        ::vsyslog(pri, fmt, ap);
-    va_end(ap);
-}
+#define CORVALD_TEST_SYSLOG(pri, fmt)                                        \
+    va_list ap;                                                              \
+    va_start(ap, fmt);                                                       \
+    if (!corvald::test::LogSink::get().take(pri, fmt, ap)) ::vsyslog(pri, fmt, ap); \
+    va_end(ap)
 
-extern "C" void __syslog_chk(int pri, int, const char* fmt, ...) {
-    va_list ap;
-    va_start(ap, fmt);
-    if (!corvald::test::LogSink::get().take(pri, fmt, ap))
-        ::vsyslog(pri, fmt, ap);
-    va_end(ap);
-}
+extern "C" void syslog(int pri, const char* fmt, ...) { CORVALD_TEST_SYSLOG(pri, fmt); }
+extern "C" void __syslog_chk(int pri, int, const char* fmt, ...) { CORVALD_TEST_SYSLOG(pri, fmt); }

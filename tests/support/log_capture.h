@@ -23,22 +23,19 @@ struct LogLine {
 
 class LogCapture {
 public:
-    enum class Mask {
-        kOpen,  // every priority, whatever setlogmask says (the usual case)
-        kKeep,  // apply the process's current setlogmask, as syslog would
-    };
-    explicit LogCapture(Mask mask = Mask::kOpen);
+    // Takes every priority, whatever setlogmask says.
+    LogCapture();
     ~LogCapture();
     LogCapture(const LogCapture&) = delete;
     LogCapture& operator=(const LogCapture&) = delete;
 
     // Every line so far, in order.
-    std::vector<std::string> lines() const;
+    std::vector<std::string> lines() const { return lines_containing(""); }
     std::vector<LogLine> entries() const;
     // The lines that contain part, in order.
     std::vector<std::string> lines_containing(const std::string& part) const;
     // Whether this exact line was logged; how often.
-    bool contains(const std::string& line) const;
+    bool contains(const std::string& line) const { return count(line) > 0; }
     size_t count(const std::string& line) const;
     // Forgets the lines so far.
     void clear();
@@ -51,7 +48,6 @@ public:
 private:
     friend struct LogSink;
     std::vector<LogLine> lines_;
-    Mask mask_;
 };
 
 }  // namespace corvald::test

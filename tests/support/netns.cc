@@ -11,6 +11,8 @@
 #include <cstdlib>
 #include <cstring>
 
+#include "util/unique_fd.h"
+
 namespace corvald::test {
 
 Box::Box() {
@@ -44,10 +46,6 @@ Box::~Box() {
     }
 }
 
-UniqueFd netns_of(const std::string& proc) {
-    return UniqueFd(::open(("/proc/" + proc + "/ns/net").c_str(), O_RDONLY | O_CLOEXEC));
-}
-
 int run_ip(pid_t in, const std::string& args) {
     const int st = std::system(
         ("nsenter --net=/proc/" + std::to_string(in) + "/ns/net ip " + args + " >/dev/null 2>&1")
@@ -69,7 +67,10 @@ bool plug(const Box& bridge, const Box& host, const std::string& cidr) {
 }
 
 bool in_netns(pid_t in, const std::function<void()>& fn) {
-    UniqueFd home = netns_of("thread-self"), ns = netns_of(std::to_string(in));
+    auto ns_of = [](const std::string& proc) {
+        return UniqueFd(::open(("/proc/" + proc + "/ns/net").c_str(), O_RDONLY | O_CLOEXEC));
+    };
+    UniqueFd home = ns_of("thread-self"), ns = ns_of(std::to_string(in));
     if (!home || !ns || ::setns(ns.get(), CLONE_NEWNET) != 0)
         return false;
     fn();

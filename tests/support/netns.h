@@ -12,8 +12,6 @@
 #include <functional>
 #include <string>
 
-#include "util/unique_fd.h"
-
 namespace corvald::test {
 
 // A child process holding a new network namespace. `answer` is "netns" once
@@ -27,8 +25,6 @@ struct Box {
     std::string answer;
 };
 
-// The network namespace of /proc/<proc> ("thread-self" for the caller's).
-UniqueFd netns_of(const std::string& proc);
 // Runs "ip <args>" quietly inside the network namespace of process `in`;
 // its exit status, or -1 when it did not end normally.
 int run_ip(pid_t in, const std::string& args);

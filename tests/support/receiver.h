@@ -3,11 +3,16 @@
 // the log captured afterwards.
 #pragma once
 
+#include <netinet/in.h>
+#include <sys/stat.h>
 #include <syslog.h>
 
 #include <string>
 #include <vector>
 
+#include "base/config.h"
+#include "controller/controller_internal.h"
+#include "store/vdisk.h"
 #include "support/log_capture.h"
 #include "support/settings.h"
 #include "support/store_builder.h"
@@ -19,26 +24,49 @@ namespace corvald::test {
 // which appends "<argc> <argv> <open descriptors> <environment>" per call
 // to dir/fence.log and exits with 3 (or sleeps while dir/hang exists), and
 // an empty directory dir/keep. No lock is waited for.
-class Receiver {
-public:
-    explicit Receiver(const StoreBuilder& store);
-    ~Receiver();
-    // Hands bytes to handle_datagram from 127.0.0.<the header's node id>;
-    // what it changed in the store (see changes()).
-    Tree feed(const std::string& bytes);
-    // The lines of the last feed at level upto and above, with "@" for the
-    // temporary directory; no lock's lines.
-    std::vector<std::string> lines(int upto = LOG_NOTICE) const;
-    // look() of a path in the store.
-    std::string at(const std::string& rel) const { return look(root + "/" + rel); }
-
+struct Receiver {
     TempDir dir;
     const std::string root = dir / "s";
     ScopedSettings settings;
     LogCapture log;
+    const int saved_timeout = fence_check_timeout_ms;
 
-private:
-    int saved_timeout_;
+    explicit Receiver(const StoreBuilder& store) {
+        for (const char* d : {"s", "s/locks", "keep"}) ::mkdir((dir / d).c_str(), 0755);
+        store.write(root);
+        dir.write("fence", "#!/bin/sh\n[ -e " + dir / "hang" + " ] && exec /bin/sleep 60\n"
+                  "echo $# $0 \"$@\" $(/bin/ls /proc/self/fd) $(/bin/cat /proc/$$/environ) >> " +
+                  dir / "fence.log\nexit 3\n");
+        ::chmod((dir / "fence").c_str(), 0755);
+        cfg_work_directory = root, cfg_fence_check = dir / "fence";
+        cfg_node_lock_timeout_ms = cfg_datastore_lock_timeout_ms = cfg_vdisk_lock_timeout_ms = 0;
+    }
+    ~Receiver() { fence_check_timeout_ms = saved_timeout; }
+
+    // Hands bytes to handle_datagram from 127.0.0.<the header's node id>;
+    // what it changed in the store (see changes()).
+    Tree feed(const std::string& bytes) {
+        const Tree before = snapshot(root);
+        log.clear();
+        sockaddr_in from = {};
+        from.sin_family = AF_INET;
+        from.sin_addr.s_addr = htonl(0x7f000000 | uint8_t(bytes.size() > 4 ? bytes[4] : 0));
+        handle_datagram(bytes.data(), bytes.size(), &from);
+        return changes(before, snapshot(root));
+    }
+    // The lines of the last feed at level upto and above, with "@" for the
+    // temporary directory; no lock's lines.
+    std::vector<std::string> lines(int upto = LOG_NOTICE) const {
+        std::vector<std::string> out;
+        for (LogLine l : log.entries()) {
+            for (size_t at; (at = l.text.find(dir.path())) != l.text.npos;)
+                l.text.replace(at, dir.path().size(), "@");
+            if (l.priority <= upto && !l.text.starts_with("info: Path")) out.push_back(l.text);
+        }
+        return out;
+    }
+    // look() of a path in the store.
+    std::string at(const std::string& rel) const { return look(root + "/" + rel); }
 };
 
 }  // namespace corvald::test

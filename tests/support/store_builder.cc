@@ -21,8 +21,7 @@ void attrs(StoreBuilder* b, const std::string& prefix, const std::string& list) 
 }
 
 std::string value_at(const Tree& t, const std::string& path) {
-    auto it = t.find(path);
-    return it == t.end() ? "<missing>" : it->second;
+    return t.contains(path) ? t.at(path) : "<missing>";
 }
 
 }  // namespace
@@ -32,9 +31,7 @@ std::string look(const std::string& path) {
     if (::lstat(path.c_str(), &st) != 0) return "<missing>";
     if (S_ISDIR(st.st_mode)) return "<dir>";
     if (S_ISLNK(st.st_mode)) return "-> " + fs::read_symlink(path).string();
-    std::ostringstream text;
-    text << std::ifstream(path, std::ios::binary).rdbuf();
-    return text.str();
+    return (std::ostringstream() << std::ifstream(path, std::ios::binary).rdbuf()).str();
 }
 
 Tree snapshot(const std::string& root) {
@@ -66,15 +63,13 @@ std::string show(const Tree& t) {
 }
 
 StoreBuilder& StoreBuilder::seed() {
-    t.merge(snapshot(CORVALD_SOURCE_DIR "/etc/local/seed"));
-    return *this;
+    return t.merge(snapshot(CORVALD_SOURCE_DIR "/etc/local/seed")), *this;
 }
 
 StoreBuilder& StoreBuilder::put(const std::string& path, const std::string& value) {
     for (size_t at = path.find('/'); at != path.npos; at = path.find('/', at + 1))
         t.emplace(path.substr(0, at), "<dir>");
-    t[path] = value;
-    return *this;
+    return t[path] = value, *this;
 }
 
 StoreBuilder& StoreBuilder::node(uint32_t id, const std::string& version, bool full) {
@@ -97,10 +92,9 @@ StoreBuilder& StoreBuilder::datastore(const std::string& uuid,
     attrs(this, d, "uuid=" + uuid + ";name=demo store;description=one-host demo;sector_size=512;"
                    "replicas=1;stripes=1;overcommit=0");
     put(d + "vdisks").put(d + "members");
-    for (uint32_t m : members) {
-        put(d + "members/" + std::to_string(m), "-> ../../../Node/" + std::to_string(m));
-        put("Node/" + std::to_string(m) + "/datastoremember", uuid + "\n");
-    }
+    for (uint32_t m : members)
+        put(d + "members/" + std::to_string(m), "-> ../../../Node/" + std::to_string(m))
+            .put("Node/" + std::to_string(m) + "/datastoremember", uuid + "\n");
     return *this;
 }
 
@@ -121,15 +115,15 @@ StoreBuilder& StoreBuilder::vdisk(const std::string& uuid, const std::vector<uin
         if (t.contains("VDisk/" + parent)) put("VDisk/" + parent + "/snapshots/" + uuid, to);
     }
     if (!ds.empty())
-        put(v + "datastore", "-> ../../Datastore/" + ds).put("Datastore/" + ds + "/vdisks/" + uuid,
-                                                             to);
+        put(v + "datastore", "-> ../../Datastore/" + ds)
+            .put("Datastore/" + ds + "/vdisks/" + uuid, to);
     const std::string limit = parent.empty() ? ";snap_limit=10" : "";
     for (uint32_t m : members) {
         const std::string id = std::to_string(m), mi = v + "memberinfo/" + id + "/";
         attrs(this, mi, "membership_gen_count=" + g + ";numkeys=0;seqno=1;status=1;port=3260;" +
                             "st_mem=0;frontend=127.0.0." + id + limit);
-        put(mi + "nodestatus", "-> ../../../../Node/" + id + "/status");
-        put("Node/" + id + "/vdisks/" + uuid, to);
+        put(mi + "nodestatus", "-> ../../../../Node/" + id + "/status")
+            .put("Node/" + id + "/vdisks/" + uuid, to);
     }
     return *this;
 }

@@ -4,86 +4,67 @@
 #include <sys/syscall.h>
 #include <unistd.h>
 
-#include <algorithm>
 #include <cassert>
 #include <cerrno>
 #include <cstdarg>
 #include <map>
 #include <mutex>
-#include <vector>
 
 namespace corvald::test {
-
 namespace {
 
+// The hooks' state, locked while a Locked lives. Function-local so that it
+// exists for calls made during other files' static initialization.
 struct HookState {
-    std::mutex mu;
     bool armed = false;
     std::string open_path;
-    int open_err = 0, open_times = 0, fsync_err = 0, fsync_times = 0;
+    int open_err = 0, open_times = 0, fsync_err = 0, fsync_times = 0, fsyncs = 0;
     std::map<std::string, int> opens;
-    std::vector<int> fsyncs;
 };
-
-// The hooks' state, locked while the holder lives. Function-local so that it
-// exists for calls made during other files' static initialization.
 struct Locked {
+    static std::mutex& mu() {
+        static std::mutex m;
+        return m;
+    }
     static HookState& state() {
         static HookState s;
         return s;
     }
-    std::lock_guard<std::mutex> lock{state().mu};
+    std::lock_guard<std::mutex> lock{mu()};
     HookState& s = state();
 };
 
 // The error to inject for this call (0: none), using up one of `times`.
-int inject(int& times, int err) {
-    return times > 0 && times-- > 0 ? err : 0;
-}
+int inject(int& times, int err) { return times > 0 && times-- > 0 ? err : 0; }
 
 }  // namespace
 
 SyscallHooks::SyscallHooks() {
     Locked l;
-    assert(!l.s.armed);
+    assert(!l.s.armed);  // one at a time
     l.s.armed = true;
 }
 
 SyscallHooks::~SyscallHooks() {
-    Locked l;
-    l.s.armed = false;
-    l.s.open_times = l.s.fsync_times = 0;
-    l.s.opens.clear();
-    l.s.fsyncs.clear();
+    Locked().s = HookState{};
 }
 
 void SyscallHooks::fail_open(const std::string& path, int err, int times) {
     Locked l;
-    l.s.open_path = path;
-    l.s.open_err = err;
-    l.s.open_times = times;
+    l.s.open_path = path, l.s.open_err = err, l.s.open_times = times;
 }
 
 int SyscallHooks::open_calls(const std::string& path) const {
     Locked l;
-    return l.s.opens.count(path) ? l.s.opens.at(path) : 0;
+    return l.s.opens[path];
 }
 
 void SyscallHooks::fail_fsync(int err, int times) {
     Locked l;
-    l.s.fsync_err = err;
-    l.s.fsync_times = times;
+    l.s.fsync_err = err, l.s.fsync_times = times;
 }
 
-int SyscallHooks::fsync_calls(int fd) const {
-    Locked l;
-    return static_cast<int>(std::count(l.s.fsyncs.begin(), l.s.fsyncs.end(), fd));
-}
-
-int SyscallHooks::fsync_calls() const {
-    Locked l;
-    return static_cast<int>(l.s.fsyncs.size());
-}
+int SyscallHooks::fsync_calls() const { return Locked().s.fsyncs; }
 
 }  // namespace corvald::test
 
@@ -98,28 +79,16 @@ extern "C" int open(const char* path, int flags, ...) {
         va_end(ap);
     }
     int err = 0;
-    if (Locked l; l.s.armed) {
-        ++l.s.opens[path];
-        if (l.s.open_path == path)
-            err = corvald::test::inject(l.s.open_times, l.s.open_err);
-    }
-    if (err != 0) {
-        errno = err;
-        return -1;
-    }
+    if (Locked l; l.s.armed && ++l.s.opens[path] && l.s.open_path == path)
+        err = corvald::test::inject(l.s.open_times, l.s.open_err);
+    if (err != 0) return errno = err, -1;
     return static_cast<int>(::syscall(SYS_openat, AT_FDCWD, path, flags, mode));
 }
 
 // The real fsync runs first: an injected failure comes after the data is safe.
 extern "C" int fsync(int fd) {
     int rc = static_cast<int>(::syscall(SYS_fsync, fd)), err = 0;
-    if (Locked l; l.s.armed) {
-        l.s.fsyncs.push_back(fd);
+    if (Locked l; l.s.armed && ++l.s.fsyncs)
         err = corvald::test::inject(l.s.fsync_times, l.s.fsync_err);
-    }
-    if (err != 0 && rc == 0) {
-        errno = err;
-        return -1;
-    }
-    return rc;
+    return err != 0 && rc == 0 ? (errno = err, -1) : rc;
 }

@@ -26,8 +26,7 @@ public:
     int open_calls(const std::string& path) const;
     // The next `times` fsync() calls fail with err after the real fsync.
     void fail_fsync(int err, int times = 1);
-    // fsync() calls on this descriptor so far; on any descriptor.
-    int fsync_calls(int fd) const;
+    // fsync() calls so far.
     int fsync_calls() const;
 };
 

@@ -1,9 +1,7 @@
 // Datagrams from the test to a daemon under test, over the loopback range.
 #pragma once
 
-#include <cstddef>
 #include <chrono>
-#include <cstdint>
 #include <optional>
 #include <string>
 
@@ -21,7 +19,6 @@ bool send_datagram(const std::string& bytes, int port, const char* from = "127.0
 class UdpSink {
 public:
     UdpSink(const char* addr, int port);
-    bool ok() const { return so_.valid(); }
     // The next datagram, or nullopt when none came within timeout.
     std::optional<std::string> next(std::chrono::milliseconds timeout = std::chrono::seconds(20));
 

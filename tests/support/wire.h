@@ -16,9 +16,7 @@ namespace corvald::test {
 struct VDiskBlock {
     VDiskBlock(std::string u, std::vector<uint32_t> m, std::vector<uint32_t> f = {},
                std::string p = "")
-        : uuid(std::move(u)),
-          members(std::move(m)),
-          frontends(std::move(f)),
+        : uuid(std::move(u)), members(std::move(m)), frontends(std::move(f)),
           parent(std::move(p)) {}
     std::string uuid;
     unsigned gen = 1;  // membership generation count, carried as the header's version says

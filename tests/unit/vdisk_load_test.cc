@@ -15,9 +15,8 @@ namespace corvald {
 namespace fs = std::filesystem;
 
 // kRec: VDisk/vd1, a plain disk, with the member record of node 7, as "<file>=<content>;", a
-// later entry replacing an earlier one and "-" removing a file or directory. Numbers with high
-// bits show the narrowing; the plain disk carries malformed snapshot files, which must not be
-// read. kSnap: the same as a snapshot.
+// later entry replacing an earlier one and "-" removing a file or directory. The plain disk
+// carries malformed snapshot files, which must not be read. kSnap: the same as a snapshot.
 const std::string kRec =
     "transaction_id=7\n;uuid=vd1\n;name=disk one\n;sector_size=512\n;sectors=1099511627776\n;"
     "replicas=65539\n;st_mems=258\n;st_size=65541\n;snapshot=0\n;snaptime=x\n;parent=..\n;"
@@ -49,46 +48,27 @@ struct VDiskLoadTest : ::testing::Test {
     VDisk vd_;
 };
 
-TEST_F(VDiskLoadTest, LoadsForTheNodesVersionOrWithoutNodeAndFailsEachStepWithItsLine) {
-    // m: 1 with a node. gencnt: name.mshipgencnt, 305 big-endian (01 31) from version 1.8 on.
-    struct Version { bool snap; unsigned m; uint8_t major, minor; uint16_t gencnt; } versions[] = {
-        {true, 0, 2, 0, 0}, {false, 1, 1, 7, 0}, {false, 1, 2, 0, 0x3101}, {true, 1, 1, 8, 0x3101}};
-    for (const auto& [snap, m, major, minor, gencnt] : versions) {
-        node_.hdr.major = major, node_.hdr.minor = minor;
-        ASSERT_EQ(load((snap ? kSnap : kRec) + (m ? "" : "memberinfo=-;"), m), 0);
-        auto d = snap ? VDiskDescr{.snap = {24, 3, 15, 9, 5, 0, "b1", {}}} : VDiskDescr{"plain"};
-        // In wire order; the member record's fields (and "05", the count % 100) only with a node.
-        VDiskEntry e{7, "vd1", {{char('0' * m), char('5' * m)}, "disk one", gencnt}, 512, 9 * m,
-                     1ull << 40, ~0ull * m, d, uint8_t(m), uint16_t(70000 * m), 3, uint8_t(3 * m),
-                     2, 5, snap, uint16_t(2 * m), uint16_t(2 * m)};
-        EXPECT_EQ(std::memcmp(&vd_.vde, &e, sizeof e), 0) << +major << "." << +minor;
-        EXPECT_STREQ(vd_.parentuuid, snap ? "b1" : "");
-    }
-    EXPECT_EQ(vd_.frontends[1].fee.node, 0xC0A80114u);  // 192.168.1.20, in host order
-    // The order of the last load's steps: the name each line of it ends its path with.
+TEST_F(VDiskLoadTest, LoadsInOrderAndFailsEachStepWithItsLine) {
+    // The fields as loaded are checked byte for byte by the announcement and
+    // listing tests, which send and show them; here the order of the steps:
+    // the name each line of the load ends its path with.
+    node_.hdr.major = 1, node_.hdr.minor = 8;
+    ASSERT_EQ(load(kRec), 0);
     std::string steps;
     for (std::string l : log_.lines_containing(rec_))
         steps += l.erase(0, l.rfind('/') + 1).substr(0, l.find_first_of("= ")) + ",";
     EXPECT_EQ(steps, "vd1,transaction_id,uuid,name,sector_size,sectors,replicas,st_mems,st_size,"
-                     "snapshot,snaptime,parent,memberinfo,7,numkeys,seqno,status,port,st_mem,"
+                     "snapshot,description,memberinfo,7,numkeys,seqno,status,port,st_mem,"
                      "membership_gen_count,membership,membership,frontend,frontend,");
 
     // Each failing step and (a part of) the line it logs.
     const std::string f = "VDiskLoad(): Failed to load " + rec_, bad = " Malformed file " + rec_;
     struct Failure { std::string files, error; } failures[] = {
         {kRec + "transaction_id=;", f + "/transaction_id: -1"},  // there, but empty
-        {kRec + "name=" + std::string(256, 'n') + ";", f + "/name: -1"},
-        {kRec + "sectors=-;", f + "/sectors: -1"},
-        {kRec + "replicas=3;", f + "/replicas: -1"},  // no line feed
-        {kRec + "memberinfo/7/seqno=x\n;", f + "/memberinfo/7/seqno: 0"},
         {kSnap + "snaptime=24-3-15\n;", "VDiskLoad(): Malformed " + rec_ + "/snaptime: 24-3-15"},
-        {kSnap + "parent=\n;", "VDiskLoad(): Malformed " + rec_ + "/parent: "},
-        {kSnap + "parent=0123456789abcde\n;", f + "/parent: -1"},  // one byte too long
-        {kRec + "memberinfo=-;", "fd_openat(): openat(memberinfo): No such file or directory"},
+        {kSnap + "parent=\n;", "VDiskLoad(): Malformed " + rec_ + "/parent: "},  // empty
         {kRec + "membership=3\n\n5\n;", "MembershipLoad():" + bad + "/membership"},
-        {kRec + "memberinfo/7/frontend=-;", "fd_openat(): openat(frontend): No such file"},
-        {kRec + "memberinfo/7/frontend=10.0.0.1\n\n;", "FrontendsLoad(): inet_pton(): 0"},
-        {kRec + "memberinfo/7/frontend=9;", "FrontendsLoad():" + bad + "/memberinfo/7/frontend"}};
+        {kRec + "memberinfo/7/frontend=10.0.0.1\n\n;", "FrontendsLoad(): inet_pton(): 0"}};
     for (const Failure& c : failures)
         EXPECT_TRUE(load(c.files) == -1 && !log_.lines_containing(c.error).empty()) << c.error;
 }
