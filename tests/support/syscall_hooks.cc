@@ -8,6 +8,7 @@
 #include <cerrno>
 #include <cstdarg>
 #include <map>
+#include <string>
 #include <mutex>
 
 namespace corvald::test {
@@ -83,6 +84,29 @@ extern "C" int open(const char* path, int flags, ...) {
         err = corvald::test::inject(l.s.open_times, l.s.open_err);
     if (err != 0) return errno = err, -1;
     return static_cast<int>(::syscall(SYS_openat, AT_FDCWD, path, flags, mode));
+}
+
+// The same for openat, the path shown as the directory's path and the name
+// (store files are opened beneath the store root, component by component in
+// the walk that store_force_walk selects).
+extern "C" int openat(int dirfd, const char* name, int flags, ...) {
+    mode_t mode = 0;
+    if ((flags & O_CREAT) != 0 || (flags & O_TMPFILE) == O_TMPFILE) {
+        va_list ap;
+        va_start(ap, flags);
+        mode = static_cast<mode_t>(va_arg(ap, int));
+        va_end(ap);
+    }
+    int err = 0;
+    if (Locked l; l.s.armed && dirfd >= 0) {
+        char dir[4096];
+        ssize_t n = ::readlink(("/proc/self/fd/" + std::to_string(dirfd)).c_str(), dir, sizeof dir);
+        const std::string path = std::string(dir, n > 0 ? size_t(n) : 0) + "/" + name;
+        if (++l.s.opens[path] && l.s.open_path == path)
+            err = corvald::test::inject(l.s.open_times, l.s.open_err);
+    }
+    if (err != 0) return errno = err, -1;
+    return static_cast<int>(::syscall(SYS_openat, dirfd, name, flags, mode));
 }
 
 // The real fsync runs first: an injected failure comes after the data is safe.

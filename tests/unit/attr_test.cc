@@ -1,6 +1,7 @@
 // What the record tests (receive, VDisk load) leave open: the reader limits
 // and their messages, the rewrite in place, the one flush per batch and the
 // path limit.
+#include "base/config.h"
 #include "store/attr.h"
 
 #include <gtest/gtest.h>
@@ -15,6 +16,7 @@
 #include <vector>
 
 #include "support/log_capture.h"
+#include "support/settings.h"
 #include "support/syscall_hooks.h"
 #include "support/temp_dir.h"
 
@@ -27,12 +29,14 @@ using Lines = std::vector<std::string>;
 class AttrTest : public ::testing::Test {
   protected:
     void SetUp() override {
+        cfg_work_directory = tmp_.path();  // store paths are confined beneath it
         ASSERT_EQ(::mkdir((tmp_ / "Node").c_str(), 0755), 0);
         ASSERT_EQ(::mkdir(record_.c_str(), 0755), 0);
         ASSERT_EQ(dir_.set_path("%s/Node/%u", tmp_.path().c_str(), 12u), 0);
         ASSERT_EQ(dir_.open(), 0);
     }
 
+    test::ScopedSettings settings_;
     test::TempDir tmp_;
     const std::string record_ = tmp_ / "Node/12";
     test::LogCapture log_;

@@ -1,5 +1,6 @@
 // Path locks: the lock file and its pid, the back-off on a held lock, the
 // names refused before any file is touched, and HeldLock's releases.
+#include "store/beneath.h"
 #include "store/lock.h"
 
 #include <gtest/gtest.h>
@@ -56,6 +57,8 @@ void on_alarm(int) {}
 // away during the back-off, and the lock is taken: the file holds our pid.
 TEST_F(LockTest, HeldLockWaitsDoublingStepsThenGivesUp) {
     hold("NODE-7");
+    // The walk opens the lock file with openat, where the hooks see it.
+    store_force_walk(true);
     test::SyscallHooks hooks;
     int opens = 0;
     auto timer = std::make_unique<test::SignalTimer>(SIGALRM, on_alarm, 20, 20);
@@ -85,6 +88,7 @@ TEST_F(LockTest, HeldLockWaitsDoublingStepsThenGivesUp) {
     EXPECT_EQ(PathLock("NODE-7", 60000), 0);
     releaser.join();
     EXPECT_EQ(tmp_.read("locks/NODE-7"), std::to_string(::getpid()) + "\n");
+    store_force_walk(false);
 }
 
 // A HeldLock releases by name what it took, on every way out, and never what
