@@ -71,42 +71,43 @@ int SyscallHooks::fsync_calls() const { return Locked().s.fsyncs; }
 
 using corvald::test::Locked;
 
-extern "C" int open(const char* path, int flags, ...) {
-    mode_t mode = 0;
-    if ((flags & O_CREAT) != 0 || (flags & O_TMPFILE) == O_TMPFILE) {
-        va_list ap;
-        va_start(ap, flags);
-        mode = static_cast<mode_t>(va_arg(ap, int));
-        va_end(ap);
-    }
+namespace {
+
+// open and openat: counts the call under shown and fails it as told.
+int hooked_open(int dirfd, const char* name, const std::string& shown, int flags, mode_t mode) {
     int err = 0;
-    if (Locked l; l.s.armed && ++l.s.opens[path] && l.s.open_path == path)
+    if (Locked l; l.s.armed && ++l.s.opens[shown] && l.s.open_path == shown)
         err = corvald::test::inject(l.s.open_times, l.s.open_err);
     if (err != 0) return errno = err, -1;
-    return static_cast<int>(::syscall(SYS_openat, AT_FDCWD, path, flags, mode));
+    return static_cast<int>(::syscall(SYS_openat, dirfd, name, flags, mode));
 }
 
-// The same for openat, the path shown as the directory's path and the name
+mode_t mode_arg(int flags, va_list ap) {
+    const bool has_mode = (flags & O_CREAT) != 0 || (flags & O_TMPFILE) == O_TMPFILE;
+    return has_mode ? static_cast<mode_t>(va_arg(ap, int)) : 0;
+}
+
+}  // namespace
+
+extern "C" int open(const char* path, int flags, ...) {
+    va_list ap;
+    va_start(ap, flags);
+    const mode_t mode = mode_arg(flags, ap);
+    va_end(ap);
+    return hooked_open(AT_FDCWD, path, path, flags, mode);
+}
+
+// The same for openat, the call shown as the directory's path and the name
 // (store files are opened beneath the store root, component by component in
 // the walk that store_force_walk selects).
 extern "C" int openat(int dirfd, const char* name, int flags, ...) {
-    mode_t mode = 0;
-    if ((flags & O_CREAT) != 0 || (flags & O_TMPFILE) == O_TMPFILE) {
-        va_list ap;
-        va_start(ap, flags);
-        mode = static_cast<mode_t>(va_arg(ap, int));
-        va_end(ap);
-    }
-    int err = 0;
-    if (Locked l; l.s.armed && dirfd >= 0) {
-        char dir[4096];
-        ssize_t n = ::readlink(("/proc/self/fd/" + std::to_string(dirfd)).c_str(), dir, sizeof dir);
-        const std::string path = std::string(dir, n > 0 ? size_t(n) : 0) + "/" + name;
-        if (++l.s.opens[path] && l.s.open_path == path)
-            err = corvald::test::inject(l.s.open_times, l.s.open_err);
-    }
-    if (err != 0) return errno = err, -1;
-    return static_cast<int>(::syscall(SYS_openat, dirfd, name, flags, mode));
+    va_list ap;
+    va_start(ap, flags);
+    const mode_t mode = mode_arg(flags, ap);
+    va_end(ap);
+    char dir[4096];
+    ssize_t n = dirfd < 0 ? 0 : ::readlink(("/proc/self/fd/" + std::to_string(dirfd)).c_str(), dir, sizeof dir);
+    return hooked_open(dirfd, name, std::string(dir, n > 0 ? size_t(n) : 0) + "/" + name, flags, mode);
 }
 
 // The real fsync runs first: an injected failure comes after the data is safe.
