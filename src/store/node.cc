@@ -332,14 +332,16 @@ int NodeLoad_VDisks(unsigned int nodeid, VDiskTree* vdtp) {
         // empty nor holds "/": every link name is a safe uuid text.
         if (!S_ISLNK(st.st_mode))
             continue;
-        if (std::strlen(ent->d_name) > kVDiskLinkNameMax) {
+        const size_t name_len = std::strlen(ent->d_name);
+        if (name_len > kVDiskLinkNameMax) {
             CV_ERROR("Malformed symlink %s", path);
             continue;
         }
         // Running out of memory here ends the process, as for every
         // container of objects.
         auto vdisk = std::make_unique<VDisk>();
-        std::snprintf(vdisk->vdiskuuid, sizeof vdisk->vdiskuuid, "%s", ent->d_name);
+        static_assert(kVDiskLinkNameMax < sizeof VDisk::vdiskuuid);
+        std::memcpy(vdisk->vdiskuuid, ent->d_name, name_len + 1);
         if (VDiskTree_RB_INSERT(vdtp, &vdisk) != nullptr) {
             CV_ERROR("Duplicate VDisk Link %s", path);
         } else {
