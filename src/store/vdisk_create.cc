@@ -364,7 +364,7 @@ int VDiskUpdate(VDisk* vdisk, const char* vdiskpath, const char* nodeuuid, int v
             ReportLoadFailure(__func__, vdiskpath, "highest_gen_count", rc);
             return -1;
         }
-        CV_INFO("Completed VDisk %s from Node %s", vdisk->vdiskuuid, nodeuuid);
+        ReportCompleted(__func__, "VDisk", vdisk->vdiskuuid, nodeuuid);
         highest = vde_mshipgencnt(&vde);
     }
     CV_DEBUG("%s/highest_gen_count=%u", vdiskpath, highest);

@@ -137,16 +137,20 @@ TEST(Fault, OversizedListFilesAreRefusedUnread) {
 
 // A VDisk record whose writing was cut short (no generation count, an empty
 // attribute) would fail every update of it; the next announcement of the
-// VDisk completes it instead, once, and the update goes on.
+// VDisk completes it instead, once, and the update goes on. A Node record
+// with a gap anywhere is completed and reported the same way.
 TEST(Fault, RecordsCutShortAreCompletedByTheNextAnnouncement) {
     SeedStore s;
     s.clone_node(2);
     const std::string rec = s.db() + "/VDisk/" + kPlain;
     ASSERT_EQ(::unlink((rec + "/highest_gen_count").c_str()), 0);
     s.write("VDisk/" + kPlain + "/description", "");
+    s.write("Node/2/hbtl", "");
     Daemon d({"-dd", "-C", s.conf()}, s.dir);
     ASSERT_TRUE(d.wait_for("BIND UDP"));
     const std::string ping = header(4, 2).demo_node().vdisk({kPlain, {1, 2}}).b;
+    // A record made new has nothing to complete.
+    ASSERT_TRUE(send_datagram(header(35, 3).demo_node().aux().b, s.cfg.bind_port()));
     for (uint32_t marker : {901, 902}) {
         // Handled in order: once the marker of unknown type behind it is
         // traced, the PING is done.
@@ -154,11 +158,13 @@ TEST(Fault, RecordsCutShortAreCompletedByTheNextAnnouncement) {
         ASSERT_TRUE(send_datagram(header(5, marker).b, s.cfg.bind_port()));
         ASSERT_TRUE(d.wait_for("debug: hdr_dump(): uid=" + std::to_string(marker)));
     }
-    EXPECT_EQ(d.matching("Completed VDisk").size(), 1u);
+    EXPECT_EQ(d.matching("Completed ").size(), 2u);
+    EXPECT_TRUE(d.wait_for("info: NodeCreate(): Completed Node 2 from Node 2"));
     EXPECT_TRUE(d.wait_for("info: VDiskUpdate(): Completed VDisk " + kPlain + " from Node 2"));
     EXPECT_TRUE(d.matching("Failed to load").empty());
     EXPECT_EQ(look(rec + "/highest_gen_count"), "1\n");
     EXPECT_EQ(look(rec + "/description"), "the demo's plain disk\n");
+    EXPECT_EQ(look(s.db() + "/Node/2/hbtl"), "0:0:1:0\n");
 }
 
 }  // namespace
