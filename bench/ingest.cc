@@ -382,7 +382,14 @@ void link_at(int dirfd, const char* name, const char* target) {
     check(::symlinkat(target, dirfd, name) == 0, "symlinkat", name);
 }
 
+// Set while a Node record that is there already is rewritten: the store
+// then first looks whether each file is missing or empty (here, never).
+bool g_watch_gaps = false;
+
 void put(int dirfd, const char* key, const char* text, size_t len) {
+    struct stat st;
+    if (g_watch_gaps)
+        check(::fstatat(dirfd, key, &st, AT_SYMLINK_NOFOLLOW) == 0 && st.st_size > 0, "fstatat", key);
     int fd = ::openat(dirfd, key, O_RDWR | O_CREAT | O_TRUNC, 0666);
     check(fd >= 0 && ::write(fd, text, len) == static_cast<ssize_t>(len), "write", key);
     ::close(fd);
@@ -569,6 +576,7 @@ void bare_ping(const char* buf, size_t len) {
     ::mkdir(node.s, 0777);
     int fd = open_dir(node);
     make_dir_at(fd, "vdisks");
+    g_watch_gaps = true;
     char version[16];
     std::snprintf(version, sizeof version, "v%u.%u\n", unsigned{h.major}, unsigned{h.minor});
     put(fd, "version", version, std::strlen(version));
@@ -589,6 +597,7 @@ void bare_ping(const char* buf, size_t len) {
     put_field(fd, "backupchannel", "0.0.0.0", 7);
     put_field(fd, "ipaddr", ipaddr, sizeof ipaddr);
     put_number(fd, "lastping", static_cast<unsigned long long>(std::time(nullptr)));
+    g_watch_gaps = false;
     ::fsync(fd);
     ::close(fd);
     bare_unlock("NODE-", id);
