@@ -46,6 +46,8 @@
 // them too: it is the floor for this sequence of calls, not a better one.
 //
 //   bench_ingest                       both media, both phases
+//   bench_ingest time                  the real path on tmpfs only, both
+//                                      phases (to compare two builds)
 //   bench_ingest feed <create|steady> <real|bare> <store root> <n>
 //                                      n feeds of the ten PINGs on a made
 //                                      store (what strace -c -f watches)
@@ -977,7 +979,30 @@ Medium run_medium(const char* label, const std::string& parent) {
 
 }  // namespace
 
+// The real path only, on tmpfs: the figures to compare two builds by (the
+// same workload whatever the store code underneath makes of it).
+int time_real_path() {
+    std::string root = "/dev/shm/bench-ingest-XXXXXX";
+    check(::mkdtemp(root.data()) != nullptr, "mkdtemp", root);
+    build_store(root);
+    reset_vdisks();
+    real_feed(0);
+    real_feed(0);
+    std::vector<double> create, steady;
+    for (int i = 0; i < kRounds; ++i) {
+        reset_vdisks();
+        create.push_back(seconds_of(false));
+        steady.push_back(seconds_of(false));
+    }
+    std::printf("real path on tmpfs, median of %d feeds of %d PINGs: creation %.1f ms, "
+                "steady state %.1f ms\n",
+                kRounds, kPeers, median(create) * 1e3, median(steady) * 1e3);
+    return rm_fr(root.c_str()) < 0 ? 1 : 0;
+}
+
 int main(int argc, char** argv) {
+    if (argc == 2 && std::strcmp(argv[1], "time") == 0)
+        return time_real_path();
     if (argc == 6 && std::strcmp(argv[1], "feed") == 0) {
         setup_daemon(argv[4]);
         bool creation = std::strcmp(argv[2], "create") == 0;
@@ -986,7 +1011,7 @@ int main(int argc, char** argv) {
         return 0;
     }
     if (argc != 1) {
-        std::fprintf(stderr, "usage: bench_ingest [feed create|steady real|bare ROOT N]\n");
+        std::fprintf(stderr, "usage: bench_ingest [time | feed create|steady real|bare ROOT N]\n");
         return 2;
     }
     std::printf(
