@@ -306,19 +306,20 @@ TEST(Fault, AFullDiskIsHealedByTheNextRoundOnceSpaceIsFree) {
     if (!fs.skip.empty())
         GTEST_SKIP() << fs.skip;
     Daemon d({"-d", "-C", s.conf()}, s.dir);
-    // Filled up, then 64 KiB freed: room for a few records only.
+    // Filled up, then 256 KiB freed: room for a few records only.
     const std::string filler = s.db() + "/filler";
     const int fd = ::open(filler.c_str(), O_WRONLY | O_CREAT, 0600);
     const std::string chunk(1 << 16, 'x');
     while (::write(fd, chunk.data(), chunk.size()) > 0) {
     }
-    ASSERT_EQ(::ftruncate(fd, ::lseek(fd, 0, SEEK_CUR) - (1 << 16)), 0);
+    ASSERT_EQ(::ftruncate(fd, ::lseek(fd, 0, SEEK_CUR) - (1 << 18)), 0);
     ::close(fd);
     const std::vector<std::string> round = ingest(25);
     feed(d, s, round, 901);
     EXPECT_FALSE(d.matching("No space left on device").empty());
     ASSERT_EQ(::unlink(filler.c_str()), 0);
     feed(d, s, round, 902);
+    EXPECT_FALSE(d.matching("Completed VDisk").empty());
     d.signal(SIGTERM);
     ASSERT_EQ(d.wait_exit(), 0);
     EXPECT_EQ(expect_every_record_loads(s.db()), 2u + 4 * 25);
