@@ -183,22 +183,20 @@ TEST(Fault, RecordsCutShortAreCompletedByTheNextAnnouncement) {
 // share; unmounted when it goes. skip says why there is none.
 struct TmpfsStore {
     TmpfsStore(const SeedStore& s, const std::string& opts) : at(s.db()) {
-        if (::geteuid() != 0) {
+        if (::geteuid() != 0)
             skip = "a tmpfs of its own needs root";
-        } else if (::unshare(CLONE_NEWNS) < 0 ||
-                   ::mount(nullptr, "/", nullptr, MS_REC | MS_PRIVATE, nullptr) < 0 ||
-                   ::mount("tmpfs", at.c_str(), "tmpfs", 0, opts.c_str()) < 0) {
+        else if (::unshare(CLONE_NEWNS) < 0 ||
+                 ::mount(nullptr, "/", nullptr, MS_REC | MS_PRIVATE, nullptr) < 0 ||
+                 ::mount("tmpfs", at.c_str(), "tmpfs", 0, opts.c_str()) < 0)
             skip = std::string("no private tmpfs here: ") + std::strerror(errno);
-        } else {
-            mounted = true;
+        else
             EXPECT_TRUE(StoreBuilder().seed().put("locks").write(at));
-        }
     }
     ~TmpfsStore() {
-        if (mounted) ::umount2(at.c_str(), MNT_DETACH);
+        if (skip.empty())
+            ::umount2(at.c_str(), MNT_DETACH);
     }
     std::string at, skip;
-    bool mounted = false;
 };
 
 std::string ingested(uint32_t peer, int i) {
