@@ -493,7 +493,11 @@ int VDiskCreate(const Hdr* hdr, VDisk* vdisk) {
     if (rec.open() < 0)
         return -1;
     rec.begin_batch();
-    if ((is_new && rec.mkdir("memberinfo") < 0) || mbtop.open_at(rec, "memberinfo") < 0)
+    // A creation cut short right after the record's directory leaves no
+    // "memberinfo", which would fail every later announcement; it is made
+    // here, and the update completes the rest of the record.
+    bool make_mbtop = is_new || entry_missing(rec.fd(), "memberinfo") == 1;
+    if ((make_mbtop && rec.mkdir("memberinfo") < 0) || mbtop.open_at(rec, "memberinfo") < 0)
         return -1;
     if (is_new)
         return create_record(hdr, vdisk, &rec, &mbtop, nodeuuid);

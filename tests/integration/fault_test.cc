@@ -157,9 +157,10 @@ TEST(Fault, RecordsCutShortAreCompletedByTheNextAnnouncement) {
     ASSERT_EQ(::unlink((rec + "/highest_gen_count").c_str()), 0);
     s.write("VDisk/" + kPlain + "/description", "");
     s.write("Node/2/hbtl", "");
+    s.sh("mkdir VDisk/cut");
     Daemon d({"-dd", "-C", s.conf()}, s.dir);
     ASSERT_TRUE(d.wait_for("BIND UDP"));
-    const std::string ping = header(4, 2).demo_node().vdisk({kPlain, {1, 2}}).b;
+    const std::string ping = header(4, 2).demo_node().vdisk({kPlain, {1, 2}}).vdisk({"cut", {2}}).b;
     // A record made new has nothing to complete.
     ASSERT_TRUE(send_datagram(header(35, 3).demo_node().aux().b, s.cfg.bind_port()));
     for (uint32_t marker : {901, 902}) {
@@ -169,7 +170,8 @@ TEST(Fault, RecordsCutShortAreCompletedByTheNextAnnouncement) {
         ASSERT_TRUE(send_datagram(header(5, marker).b, s.cfg.bind_port()));
         ASSERT_TRUE(d.wait_for("debug: hdr_dump(): uid=" + std::to_string(marker)));
     }
-    EXPECT_EQ(d.matching("Completed ").size(), 2u);
+    EXPECT_EQ(d.matching("Completed ").size(), 3u);
+    EXPECT_TRUE(d.wait_for("info: VDiskUpdate(): Completed VDisk cut from Node 2"));
     EXPECT_TRUE(d.wait_for("info: NodeCreate(): Completed Node 2 from Node 2"));
     EXPECT_TRUE(d.wait_for("info: VDiskUpdate(): Completed VDisk " + kPlain + " from Node 2"));
     EXPECT_TRUE(d.matching("Failed to load").empty());
