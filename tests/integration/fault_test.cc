@@ -247,7 +247,8 @@ void feed(Daemon& d, const SeedStore& s, const std::vector<std::string>& round, 
 // number of VDisk records.
 size_t expect_every_record_loads(const std::string& db) {
     ScopedSettings keep;
-    LogCapture log;  // the loads' lines, for a failure
+    LogCapture log;  // the loads' error lines, for a failure
+    const auto errors = [&] { return testing::PrintToString(log.lines_containing("error: ")); };
     cfg_work_directory = db;
     EXPECT_TRUE(LockFileList().empty()) << LockFileList().front().name;
     namespace fs = std::filesystem;
@@ -255,15 +256,15 @@ size_t expect_every_record_loads(const std::string& db) {
         Node n;
         NodeInit(&n, static_cast<uint32_t>(std::stoul(e.path().filename())));
         VDiskTree linked;
-        EXPECT_EQ(NodeLoad(&n), 0) << log.dump();
-        EXPECT_EQ(NodeLoad_VDisks(n.nodeid, &linked), 0) << log.dump();
-        for (auto& [uuid, v] : linked) EXPECT_EQ(VDiskLoad(&n, v.get()), 0) << log.dump();
+        EXPECT_EQ(NodeLoad(&n), 0) << errors();
+        EXPECT_EQ(NodeLoad_VDisks(n.nodeid, &linked), 0) << errors();
+        for (auto& [uuid, v] : linked) EXPECT_EQ(VDiskLoad(&n, v.get()), 0) << errors();
     }
     size_t records = 0;
     for (const auto& e : fs::directory_iterator(db + "/VDisk")) {
         VDisk v;
         std::snprintf(v.vdiskuuid, sizeof v.vdiskuuid, "%s", e.path().filename().c_str());
-        EXPECT_EQ(VDiskLoad(nullptr, &v), 0) << log.dump();
+        EXPECT_EQ(VDiskLoad(nullptr, &v), 0) << errors();
         ++records;
     }
     return records;
