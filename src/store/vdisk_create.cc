@@ -355,12 +355,15 @@ int VDiskUpdate(VDisk* vdisk, const char* vdiskpath, const char* nodeuuid, int v
     int rc = AttrLoad(vdiskfd, "highest_gen_count", "%u", &highest);
     if (rc != 1) {
         // A record whose creation was cut short (a crash, a full disk) has
-        // no generation count, the last attribute its creation writes, and
-        // may miss others; refused, it would fail every announcement of it
-        // for good. It is completed from this announcement instead.
+        // no generation count, the last shared attribute its creation
+        // writes, and may miss others and the "membership" written after
+        // it; refused, it would fail every announcement of it for good. It
+        // is completed from this announcement instead, "membership" too: the
+        // update below stops before rewriting it when the member has no data
+        // store while the record has none.
         RecordDir rec(__func__);
         if (rec.set_path("%s", vdiskpath) < 0 || (rec.adopt(::dup(vdiskfd)), rec.fd() < 0) ||
-            store_shared(&rec, vde) < 0) {
+            store_shared(&rec, vde) < 0 || MembershipStore(vdisk, vdiskpath, vdiskfd) < 0) {
             ReportLoadFailure(__func__, vdiskpath, "highest_gen_count", rc);
             return -1;
         }

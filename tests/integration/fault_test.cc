@@ -157,7 +157,7 @@ TEST(Fault, RecordsCutShortAreCompletedByTheNextAnnouncement) {
     ASSERT_EQ(::unlink((rec + "/highest_gen_count").c_str()), 0);
     s.write("VDisk/" + kPlain + "/description", "");
     s.write("Node/2/hbtl", "");
-    s.sh("mkdir VDisk/cut");
+    s.sh("mkdir VDisk/cut && rm Node/2/datastoremember");
     Daemon d({"-dd", "-C", s.conf()}, s.dir);
     ASSERT_TRUE(d.wait_for("BIND UDP"));
     const std::string ping = header(4, 2).demo_node().vdisk({kPlain, {1, 2}}).vdisk({"cut", {2}}).b;
@@ -178,6 +178,7 @@ TEST(Fault, RecordsCutShortAreCompletedByTheNextAnnouncement) {
     EXPECT_EQ(look(rec + "/highest_gen_count"), "1\n");
     EXPECT_EQ(look(rec + "/description"), "the demo's plain disk\n");
     EXPECT_EQ(look(s.db() + "/Node/2/hbtl"), "0:0:1:0\n");
+    EXPECT_EQ(look(s.db() + "/VDisk/cut/membership"), "2\n");
 }
 
 // The seed's store on a tmpfs of its own (mount options opts), mounted in a
