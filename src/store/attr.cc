@@ -177,13 +177,16 @@ void ReportLoadFailure(const char* op, const char* dirpath, const char* key, int
     CV_ERROR_AS(op, "Failed to load %s/%s: %d", dirpath, key, rc);
 }
 
+void ReportCompleted(const char* op, const char* kind, const char* id, const char* nodeuuid) {
+    CV_INFO_AS(op, "Completed %s %s from Node %s", kind, id, nodeuuid);
+}
+
 int StoreMkdir(const char* op, const char* path) {
     TraceMkdir(op, path);
-    if (store_mkdir(path, 0777) < 0 && errno != EEXIST) {
-        CV_ERROR_AS(op, "mkdir(%s): %s", path, std::strerror(errno));
-        return -1;
-    }
-    return 0;
+    if (store_mkdir(path, 0777) == 0) return 0;
+    if (errno == EEXIST) return 1;
+    CV_ERROR_AS(op, "mkdir(%s): %s", path, std::strerror(errno));
+    return -1;
 }
 
 int RemoveEmptyDir(const char* op, const char* path) {
@@ -224,9 +227,11 @@ int RecordDir::create() {
     const char* last = std::strrchr(path_, '/');
     assert(last != nullptr);
     if (!store_path(top, "%.*s", static_cast<int>(last - path_), path_)) return -1;
-    if (StoreMkdir(op_, top) < 0 || StoreMkdir(op_, path_) < 0 || open() < 0) return -1;
+    if (StoreMkdir(op_, top) < 0) return -1;
+    int there = StoreMkdir(op_, path_);
+    if (there < 0 || open() < 0) return -1;
     begin_batch();
-    return 0;
+    return there;
 }
 
 int RecordDir::open() {
@@ -261,6 +266,9 @@ int RecordDir::store(const char* key, const char* fmt, ...) {
     va_end(ap);
     if (!text) return -1;
     CV_DEBUG_AS(op_, "%s/%s=%s", path_, key, text.get());
+    struct stat st;
+    if (watch_ && !gaps_)
+        gaps_ = ::fstatat(fd_, key, &st, AT_SYMLINK_NOFOLLOW) < 0 ? errno == ENOENT : st.st_size == 0;
     text.get()[len] = '\n';
     text.get()[len + 1] = '\0';
     return write_value(fd_, key, text.get(), static_cast<size_t>(len) + 1);

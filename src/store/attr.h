@@ -61,9 +61,13 @@ void TraceOpen(const char* op, const char* path);
 
 // "Failed to load <dirpath>/<key>: <rc>" under op's name.
 void ReportLoadFailure(const char* op, const char* dirpath, const char* key, int rc);
+// "Completed <kind> <id> from Node <nodeuuid>" under op's name: a record
+// found incomplete was completed from that node's announcement.
+void ReportCompleted(const char* op, const char* kind, const char* id, const char* nodeuuid);
 
 // Makes a store directory (0777) after its trace line; one that exists
-// already counts as made. 0, or -1 after "mkdir(<path>): <error>".
+// already counts as made. 0 when made, 1 when it was there, or -1 after
+// "mkdir(<path>): <error>".
 int StoreMkdir(const char* op, const char* path);
 
 // Removes the directory path if it is empty: how a record learns whether any
@@ -134,7 +138,8 @@ public:
     int set_path(const char* fmt, ...) __attribute__((format(printf, 2, 3)));
     // Makes the top directory (path() without its last component) and the
     // record directory, each after its "[MKDIR]" trace (existing ones count
-    // as made), opens the record and begins a batch; 0 or -1 (logged).
+    // as made), opens the record and begins a batch; 0 when the record
+    // directory was made, 1 when it was there already, or -1 (logged).
     int create();
     // Opens path() read-only as a directory; 0 or -1 (the open is logged).
     int open();
@@ -147,6 +152,11 @@ public:
     void begin_batch() { batch_ = true; }
     // Flushes (if a batch was begun) and closes now; nothing if not open.
     void close();
+    // From now on store() first looks whether the file it rewrites is
+    // missing or empty (one fstatat per write, until one is found);
+    // had_gaps() tells whether one was.
+    void watch_gaps() { watch_ = true; }
+    bool had_gaps() const { return gaps_; }
 
     int fd() const { return fd_; }
     const char* path() const { return path_; }
@@ -179,6 +189,8 @@ private:
     const char* op_;
     int fd_ = -1;
     bool batch_ = false;
+    bool watch_ = false;
+    bool gaps_ = false;
     StorePath path_ = {};
 };
 

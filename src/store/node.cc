@@ -132,8 +132,15 @@ int NodeCreate(const Hdr* hdr, const char* ipaddr) {
     if (dir.set_path("%s/Node/%u", root, hdr->uid) < 0)
         return -1;
     // From here on every way out flushes the directory once.
-    if (dir.create() < 0 || dir.mkdir("vdisks") < 0)
+    int there = dir.create();
+    if (there < 0 || dir.mkdir("vdisks") < 0)
         return -1;
+    // Each announcement rewrites every attribute below in place, so a crash
+    // or a full disk in the middle of one can leave any of them empty or
+    // missing, not only the last; the rewrite completes the record, and an
+    // existing record that had such a gap says so once it is whole.
+    if (there == 1)
+        dir.watch_gaps();
 
     if (dir.store("version", "v%u.%u", unsigned{hdr->major}, unsigned{hdr->minor}) < 0 ||
         dir.store("uuid", "%u", hdr->uid) < 0 || dir.store("status", "%d", 1) < 0 ||
@@ -155,6 +162,11 @@ int NodeCreate(const Hdr* hdr, const char* ipaddr) {
         dir.store("ipaddr", "%s", ipaddr) < 0 ||
         dir.store("lastping", "%lu", static_cast<unsigned long>(std::time(nullptr))) < 0) {
         return -1;
+    }
+    if (dir.had_gaps()) {
+        char nodeuuid[16];
+        std::snprintf(nodeuuid, sizeof nodeuuid, "%u", hdr->uid);
+        ReportCompleted(__func__, "Node", nodeuuid, nodeuuid);
     }
     return 0;
 }

@@ -355,16 +355,19 @@ int VDiskUpdate(VDisk* vdisk, const char* vdiskpath, const char* nodeuuid, int v
     int rc = AttrLoad(vdiskfd, "highest_gen_count", "%u", &highest);
     if (rc != 1) {
         // A record whose creation was cut short (a crash, a full disk) has
-        // no generation count, the last attribute its creation writes, and
-        // may miss others; refused, it would fail every announcement of it
-        // for good. It is completed from this announcement instead.
+        // no generation count, the last shared attribute its creation
+        // writes, and may miss others and the "membership" written after
+        // it; refused, it would fail every announcement of it for good. It
+        // is completed from this announcement instead, "membership" too: the
+        // update below stops before rewriting it when the member has no data
+        // store while the record has none.
         RecordDir rec(__func__);
         if (rec.set_path("%s", vdiskpath) < 0 || (rec.adopt(::dup(vdiskfd)), rec.fd() < 0) ||
-            store_shared(&rec, vde) < 0) {
+            store_shared(&rec, vde) < 0 || MembershipStore(vdisk, vdiskpath, vdiskfd) < 0) {
             ReportLoadFailure(__func__, vdiskpath, "highest_gen_count", rc);
             return -1;
         }
-        CV_INFO("Completed VDisk %s from Node %s", vdisk->vdiskuuid, nodeuuid);
+        ReportCompleted(__func__, "VDisk", vdisk->vdiskuuid, nodeuuid);
         highest = vde_mshipgencnt(&vde);
     }
     CV_DEBUG("%s/highest_gen_count=%u", vdiskpath, highest);
@@ -493,7 +496,11 @@ int VDiskCreate(const Hdr* hdr, VDisk* vdisk) {
     if (rec.open() < 0)
         return -1;
     rec.begin_batch();
-    if ((is_new && rec.mkdir("memberinfo") < 0) || mbtop.open_at(rec, "memberinfo") < 0)
+    // A creation cut short right after the record's directory leaves no
+    // "memberinfo", which would fail every later announcement; it is made
+    // here, and the update completes the rest of the record.
+    bool make_mbtop = is_new || entry_missing(rec.fd(), "memberinfo") == 1;
+    if ((make_mbtop && rec.mkdir("memberinfo") < 0) || mbtop.open_at(rec, "memberinfo") < 0)
         return -1;
     if (is_new)
         return create_record(hdr, vdisk, &rec, &mbtop, nodeuuid);

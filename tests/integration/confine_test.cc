@@ -37,10 +37,13 @@ TEST(Confine, PlantedLinksAndFifosLeadNowhere) {
     Daemon d({"-dd", "-C", s.conf()}, s.dir);
     EXPECT_TRUE(d.wait_for("Not a regular file: freespace"));
     EXPECT_TRUE(d.wait_for("Failed to load " + s.db() + "/Node/1/freespace"));
+    // A peer's document stored and one deleted under the link in v2.
+    const Golden doc = header(36, 51, 353).text(209, "51").text(225, "apps/");
     for (const std::string& dg : {header(16, 50).demo_node().datastore("ds01").b,
                                   header(35, 50).demo_node().aux().b,
                                   header(4, 50).demo_node().vdisk({"vd50", {50}}).b,
-                                  header(32, 51).b})
+                                  header(32, 51).b, Golden(doc).text(289, "y.json").b + "{}",
+                                  Golden(doc).num(2, 37, 1).text(289, "x.json").b})
         ASSERT_TRUE(send_datagram(dg, s.cfg.bind_port()));
     ControlClient c(s.cfg.ctrl_port());
     ASSERT_TRUE(c.send("delete_json|1|apps/|x.json|{}\n"));
