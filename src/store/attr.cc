@@ -60,13 +60,26 @@ int read_value(const char* op, int dirfd, const char* key, char* buf) {
     return static_cast<int>(len - 1);
 }
 
-// Creates or truncates key and writes text whole; len or -1. The lines of
-// the descriptor helpers carry their own names.
-int write_value(int dirfd, const char* key, const char* text, size_t len) {
-    UniqueFd fd(store_fd_openat(dirfd, key, O_RDWR | O_CREAT | O_TRUNC, 0666));
+// Creates key if missing and writes text whole over it; len or -1. The
+// value is written over the old one and the file then cut to its length,
+// not truncated first: on a whole record that spares a look at each file
+// before its write, since the open's own check tells an empty or new file
+// (*was_empty) from one that held a value. A crash between the two steps
+// of a shorter value leaves the new value with the old one's tail behind
+// its line feed (a number reads as the new value); the next announcement
+// rewrites every attribute, as it does after a crash that left a file
+// empty. The lines of the descriptor helpers carry their own names.
+int write_value(int dirfd, const char* key, const char* text, size_t len,
+                bool* was_empty = nullptr) {
+    struct stat st;
+    UniqueFd fd(store_fd_openat(dirfd, key, O_RDWR | O_CREAT, 0666, &st));
     if (!fd) return -1;
-    // Truncation alone already wrote an empty value.
+    if (was_empty != nullptr) *was_empty = st.st_size == 0;
     if (len > 0 && buf_tx(fd.get(), text, len, 1) != static_cast<ssize_t>(len)) return -1;
+    if (st.st_size > static_cast<off_t>(len) && ::ftruncate(fd.get(), static_cast<off_t>(len)) < 0) {
+        CV_ERROR_AS("ftruncate", "ftruncate(%s): %s", key, std::strerror(errno));
+        return -1;
+    }
     // The text is in the file once write returned; a failing close changes
     // nothing in it.
     fd.reset();
@@ -266,12 +279,12 @@ int RecordDir::store(const char* key, const char* fmt, ...) {
     va_end(ap);
     if (!text) return -1;
     CV_DEBUG_AS(op_, "%s/%s=%s", path_, key, text.get());
-    struct stat st;
-    if (watch_ && !gaps_)
-        gaps_ = ::fstatat(fd_, key, &st, AT_SYMLINK_NOFOLLOW) < 0 ? errno == ENOENT : st.st_size == 0;
     text.get()[len] = '\n';
     text.get()[len + 1] = '\0';
-    return write_value(fd_, key, text.get(), static_cast<size_t>(len) + 1);
+    bool was_empty = false;
+    const int rc = write_value(fd_, key, text.get(), static_cast<size_t>(len) + 1, &was_empty);
+    gaps_ = gaps_ || (watch_ && rc >= 0 && was_empty);
+    return rc;
 }
 
 int RecordDir::load_u32(const char* key, uint32_t* out) {

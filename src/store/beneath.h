@@ -32,7 +32,9 @@ int store_open(const char* path, int flags, mode_t mode = 0);
 // warning) for store paths: store_open's checks, and for openat a name that
 // is one component inside an open store directory.
 int store_fd_open(const char* path, int flags, mode_t mode = 0);
-int store_fd_openat(int dirfd, const char* name, int flags, mode_t mode = 0);
+// With st, a regular file's status as the check saw it is kept there.
+int store_fd_openat(int dirfd, const char* name, int flags, mode_t mode = 0,
+                    struct stat* st = nullptr);
 // The system calls of the same names, with the same confinement; the last
 // component itself is never followed.
 int store_mkdir(const char* path, mode_t mode);
