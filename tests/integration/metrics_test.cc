@@ -1,0 +1,139 @@
+// The metrics file through the real binary: what it counts, that promtool
+// and node_exporter's textfile collector read it, the failing write; and
+// corvalctl check-config.
+#include <gtest/gtest.h>
+#include <signal.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <cstdio>
+#include <cstdlib>
+#include <string>
+
+#include "base/version.h"
+#include "support/control_client.h"
+#include "support/daemon.h"
+#include "support/run.h"
+#include "support/seed_store.h"
+#include "support/udp.h"
+#include "support/wire.h"
+
+namespace corvald::test {
+namespace {
+
+bool have(const std::string& tool) {
+    return std::system(("command -v " + tool + " >/dev/null 2>&1").c_str()) == 0;
+}
+
+// The value of the sample that begins with name (labels included) in text.
+long long sample(const std::string& text, const std::string& name) {
+    const size_t at = text.find("\n" + name + " ");
+    return at == std::string::npos ? -1 : std::atoll(text.c_str() + at + name.size() + 2);
+}
+
+// Of each kind a known number (the daemon's start-up pings and a DS_PING
+// command go to a peer); a node locked by the test (no wait allowed)
+// and one without a record; a flood while the daemon is stopped, which the
+// kernel drops in part. Every short datagram is counted, as short or by the
+// kernel. Then the directory goes: one error line, not one per report.
+TEST(Metrics, FileCountsWhatCameAndCollectorsReadIt) {
+    SeedStore s;
+    s.cfg.values["stats_interval"] = "0";
+    s.cfg.values["node_lock_timeout_ms"] = "0";
+    s.cfg.values["metrics_file"] = s.dir / "m/corvald.prom";
+    ASSERT_EQ(::mkdir((s.dir / "m").c_str(), 0755), 0);
+    s.write("locks/NODE-99", std::to_string(::getpid()) + "\n");
+    const int port = s.cfg.bind_port();
+    UdpSink peer("127.0.0.2", port);  // the daemon's own sends do not come back
+    Daemon d({"-d", "-C", s.conf()}, s.dir);
+    ASSERT_TRUE(d.wait_for("notice: load_local_nodes(): Loading"));
+    for (uint32_t uid : {99, 99, 98}) ASSERT_TRUE(send_datagram(header(32, uid).b, port));
+    for (uint8_t type : {35, 200, 200}) ASSERT_TRUE(send_datagram(header(type, 99).b, port));
+    ControlClient c(s.cfg.ctrl_port());
+    ASSERT_TRUE(c.send("hello\n") && d.wait_for("MSG (ignored)"));
+    const size_t cmd = d.mark();
+    ASSERT_TRUE(c.send("ds_ping 1\n") && d.wait_for_after(cmd, "Send DS_PING"));
+    d.signal(SIGSTOP);
+    for (int i = 0; i < 1000; ++i) ASSERT_TRUE(send_datagram(header(32, 99, 206).b, port));
+    d.signal(SIGCONT);
+    ASSERT_TRUE(send_datagram(header(32, 99, 206).b, port));
+    ASSERT_TRUE(send_datagram(header(201, 99).b, port));
+    ASSERT_TRUE(d.wait_for("Received unknown header type 201", 60s));
+    ASSERT_TRUE(d.wait_for_after(d.mark(), "stats(): TX:") && d.wait_for_after(d.mark(), "RX:"));
+    const std::string file = read_file(s.dir / "m/corvald.prom");
+    const std::pair<const char*, long long> want[] = {
+        {"corvald_datagrams_received_total{type=\"heartbeat\"}", 3},
+        {"corvald_datagrams_received_total{type=\"aux_ping\"}", 1},
+        {"corvald_datagrams_received_total{type=\"unknown\"}", 3},
+        {"corvald_datagrams_sent_total{type=\"ds_ping\"}", 2},
+        {"corvald_datagrams_dropped_total{reason=\"malformed\"}", 1},
+        {"corvald_datagrams_dropped_total{reason=\"unknown_type\"}", 3},
+        {"corvald_lock_timeouts_total{kind=\"node\"}", 2},
+        {"corvald_store_errors_total", 1},
+        {"corvald_control_connections_total", 1},
+        {"corvald_control_commands_total{command=\"ds_ping\"}", 1},
+        {"corvald_control_commands_total{command=\"ignored\"}", 1}};
+    for (const auto& [name, n] : want) EXPECT_EQ(sample(file, name), n) << name << "\n" << file;
+    EXPECT_EQ(sample(file, "corvald_datagrams_dropped_total{reason=\"short\"}") +
+                  sample(file, "corvald_datagrams_dropped_total{reason=\"kernel\"}"),
+              1001);
+    EXPECT_GT(sample(file, "corvald_datagrams_dropped_total{reason=\"kernel\"}"), 0);
+
+    if (have("promtool")) {
+        EXPECT_EQ(run_to_exit("/bin/sh", {"-c", "promtool check metrics"}, file).status, 0);
+    }
+    if (have("prometheus-node-exporter") && have("curl")) {
+        const std::string addr = "127.0.0.1:" + std::to_string(free_port()), pid = s.dir / "ne";
+        const RunResult r = run_to_exit(
+            "/bin/sh", {"-c", "sh -c 'echo $$ >" + pid + "; exec prometheus-node-exporter "
+                              "--collector.disable-defaults --collector.textfile "
+                              "--collector.textfile.directory=" + s.dir / "m" +
+                              " --web.listen-address=" + addr + "' 2>&1 | { grep -q -m1 "
+                              "'Listening on'; curl -s http://" + addr + "/metrics; kill $(cat " +
+                              pid + "); }"});
+        EXPECT_EQ(sample(r.out, "corvald_store_errors_total"), 1) << r.out;
+        EXPECT_EQ(sample(r.out, "node_textfile_scrape_error"), 0) << r.out;
+    }
+    ASSERT_EQ(std::rename((s.dir / "m").c_str(), (s.dir / "gone").c_str()), 0);
+    // The first report after the mark fails, the next is quiet.
+    const size_t m = d.mark();
+    for (int i = 0; i < 3; ++i) ASSERT_TRUE(d.wait_for_after(d.mark(), "RX:"));
+    EXPECT_EQ(d.matching("metrics", m),
+              (std::vector<std::string>{"error: metrics_report(): Failed to write metrics file " +
+                                        s.dir / "m/corvald.prom: No such file or directory"}));
+}
+
+// 0 and "ok" for a configuration that works here, 1 and a line per value
+// that cannot, 2 and the daemon's own message for one it refuses.
+TEST(Metrics, CheckConfigStatuses) {
+    SeedStore s;
+    const std::string good = s.conf();
+    s.cfg.values["local_nodes"] = "gone";
+    s.cfg.values["metrics_file"] = s.dir / "no/m.prom";
+    s.cfg.values["bind_interface"] = "nosuch0";
+    s.cfg.values["path_lock_timeout_ms"] = "x";
+    const std::string bad = s.cfg.write(s.dir, "bad.conf");
+    const std::string broken = s.dir.write("broken.conf", "ping_interval = 3601\n");
+    const struct {
+        std::vector<std::string> args;
+        int status;
+        std::string out, err;
+    } rows[] = {
+        {{"check-config", good}, 0, good + ": ok\n", ""},
+        {{"-C", bad, "check-config"}, 1,
+         "warning: local_nodes: gone: No such file or directory\nwarning: metrics_file: " +
+             s.dir / "no/m.prom: its directory is missing\nwarning: bind_interface: nosuch0: no "
+                     "such interface on this host\nwarning: path_lock_timeout_ms: 0: a document "
+                     "held elsewhere is given up at once\n", ""},
+        {{"check-config", broken}, 2, "", "error: config_load(): Incorrect ping_interval value: 3601\n"},
+        {{"--version"}, 0, "corvalctl " CORVALD_VERSION "\n", ""}};
+    for (const auto& row : rows) {
+        const RunResult r = run_to_exit(CORVALCTL_BIN, row.args);
+        EXPECT_EQ(r.status, row.status) << row.args[0];
+        EXPECT_EQ(r.out, row.out);
+        EXPECT_EQ(r.err, row.err);
+    }
+}
+
+}  // namespace
+}  // namespace corvald::test
