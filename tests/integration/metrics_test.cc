@@ -60,6 +60,7 @@ TEST(Metrics, FileCountsWhatCameAndCollectorsReadIt) {
     const int port = s.cfg.bind_port();
     UdpSink peer("127.0.0.2", port);  // the daemon's own sends do not come back
     Daemon d({"-d", "-C", s.conf()}, s.dir);
+    EXPECT_TRUE(d.wait_for(" version=" CORVALD_VERSION));  // the start-up line
     ASSERT_TRUE(d.wait_for("notice: load_local_nodes(): Loading"));
     for (uint32_t uid : {99, 99, 98}) ASSERT_TRUE(send_datagram(header(32, uid).b, port));
     for (uint8_t type : {35, 200, 200}) ASSERT_TRUE(send_datagram(header(type, 99).b, port));
