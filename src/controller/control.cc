@@ -243,8 +243,7 @@ long long command_runs[kCommandCount + 1];
 }  // namespace
 
 void ctrl_command_counts(const std::function<void(const char*, long long)>& each) {
-    for (size_t i = 0; i < kCommandCount; ++i)
-        each(kCommands[i].keyword.data(), command_runs[i]);
+    for (size_t i = 0; i < kCommandCount; ++i) each(kCommands[i].keyword.data(), command_runs[i]);
     each("ignored", command_runs[kCommandCount]);
 }
 

@@ -216,9 +216,9 @@ void stats() {
 }
 
 // A turn is late when its work, from the end of its wait in select (or of
-// the start-up) to the start of the next wait, took longer than the wait's one second: periodic
-// tasks and datagrams then waited longer than the loop's tick for it. (The
-// wait itself never makes a turn late, however long it was.)
+// the start-up) to the start of the next wait, took longer than the wait's
+// one second: periodic tasks and datagrams then waited longer than the
+// loop's tick for it. The wait itself never makes a turn late.
 void count_late_turn(const LoopRun& lp) {
     if (std::chrono::steady_clock::now() - lp.woke > std::chrono::seconds(1))
         ++controller_counters.late_turns;

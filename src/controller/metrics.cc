@@ -26,8 +26,9 @@ namespace {
 // Label values of the datagram types: the names the statistics lines use,
 // lowercased, so that a figure of the file can be found in the log and back.
 // Index 0 (ALL) is left out of the labelled families: it is their sum.
-constexpr const char* kTypeNames[counter::RX_COUNT] = {
-    "all", "ping", "ds_ping", "aux_ping", "sv_ping", "vdisk_del", "heartbeat", "st_json", "unknown"};
+constexpr const char* kTypeNames[counter::RX_COUNT] = {"all",       "ping",    "ds_ping",
+                                                       "aux_ping",  "sv_ping", "vdisk_del",
+                                                       "heartbeat", "st_json", "unknown"};
 
 // Appends a family's HELP and TYPE lines.
 void family(std::string* out, const char* name, const char* type, const char* help) {
@@ -101,8 +102,8 @@ std::string metrics_text() {
            static_cast<double>(s.fence_checks));
     single(&out, "corvald_fence_check_seconds_total", "counter",
            "Time spent waiting for fence-check programs.", s.fence_check_seconds);
-    single(&out, "corvald_control_connections_total", "counter",
-           "Control connections accepted.", static_cast<double>(c.ctrl_connections));
+    single(&out, "corvald_control_connections_total", "counter", "Control connections accepted.",
+           static_cast<double>(c.ctrl_connections));
     family(&out, "corvald_control_commands_total", "counter",
            "Control lines received, by command; ignored: no command matched.");
     ctrl_command_counts([&](const char* name, long long n) {

@@ -19,10 +19,10 @@ inline constexpr size_t kDropReasons = sizeof kDropReasonNames / sizeof kDropRea
 
 struct ControllerCounters {
     long long dropped[kDropReasons] = {};
-    long long store_errors = 0;          // store operations of the loop that failed
-    long long ctrl_connections = 0;      // control connections accepted and served
-    long long late_turns = 0;            // see count_late_turn in controller.cc
-    time_t start_time = 0;               // wall clock, at the controller's setup
+    long long store_errors = 0;      // store operations of the loop that failed
+    long long ctrl_connections = 0;  // control connections accepted and served
+    long long late_turns = 0;        // see count_late_turn in controller.cc
+    time_t start_time = 0;           // wall clock, at the controller's setup
 };
 extern ControllerCounters controller_counters;
 

@@ -6,12 +6,11 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
-#include <cstdio>
 #include <algorithm>
+#include <cstdio>
 #include <cstdlib>
 #include <sstream>
 #include <string>
-#include <tuple>
 
 #include "base/version.h"
 #include "support/control_client.h"
@@ -23,10 +22,6 @@
 
 namespace corvald::test {
 namespace {
-
-bool have(const std::string& tool) {
-    return std::system(("command -v " + tool + " >/dev/null 2>&1").c_str()) == 0;
-}
 
 // The value of the sample that begins with name (labels included) in text.
 long long sample(const std::string& text, const std::string& name) {
@@ -77,8 +72,8 @@ TEST(Metrics, FileCountsWhatCameAndCollectorsReadIt) {
     // Only a drained queue is sure to take the next two, both with the count.
     for (size_t m = d.mark(); d.matching("#1", flood).size() < size_t(1000 - dropped); m = d.mark())
         ASSERT_TRUE(d.wait_for_after(m, "#1"));
-    ASSERT_TRUE(send_datagram(header(32, 99, 206).b, port));
-    ASSERT_TRUE(send_datagram(header(201, 99).b, port));
+    ASSERT_TRUE(send_datagram(header(32, 99, 206).b, port) &&
+                send_datagram(header(201, 99).b, port));
     ASSERT_TRUE(d.wait_for("Received unknown header type 201", 60s));
     ASSERT_TRUE(d.wait_for_after(d.mark(), "stats(): TX:") && d.wait_for_after(d.mark(), "RX:"));
     const std::string file = read_file(s.dir / "m/corvald.prom");
@@ -100,19 +95,21 @@ TEST(Metrics, FileCountsWhatCameAndCollectorsReadIt) {
     ASSERT_EQ(std::rename((s.dir / "m").c_str(), (s.dir / "gone").c_str()), 0);
     const size_t m = d.mark();
     for (int i = 0; i < 3; ++i) ASSERT_TRUE(d.wait_for_after(d.mark(), "RX:"));
-    EXPECT_EQ(d.matching("metrics", m), (std::vector<std::string>{"error: metrics_report(): "
-              "Failed to write metrics file " + s.dir / "m/corvald.prom: No such file or directory"}));
+    EXPECT_EQ(d.matching("metrics", m),
+              (std::vector<std::string>{"error: metrics_report(): "
+                                        "Failed to write metrics file " +
+                                        s.dir / "m/corvald.prom: No such file or directory"}));
 
-    if (!have("promtool") || !have("prometheus-node-exporter") || !have("curl"))
+    if (std::system("which promtool prometheus-node-exporter curl >/dev/null 2>&1") != 0)
         GTEST_SKIP() << "promtool, prometheus-node-exporter or curl missing (tools/deps check)";
     EXPECT_EQ(run_to_exit("/bin/sh", {"-c", "promtool check metrics"}, file).status, 0);
-    // The last file written, in the directory's new place, scraped.
-    const std::string addr = "127.0.0.1:" + std::to_string(free_port()), pid = s.dir / "ne";
-    const RunResult r = run_to_exit("/bin/sh", {"-c", "sh -c 'echo $$ >" + pid +
-        "; exec prometheus-node-exporter --collector.disable-defaults --collector.textfile "
-        "--collector.textfile.directory=" + s.dir / "gone --web.listen-address=" + addr +
-        "' 2>&1 | { grep -q -m1 'Listening on'; curl -s http://" + addr +
-        "/metrics; kill $(cat " + pid + "); }"});
+    // The last file written, in the directory's new place, through a collector.
+    const char* scrape = R"(export D="$0" A="$1"; sh -c 'echo $$ >"$D/ne"; exec \
+      prometheus-node-exporter --collector.disable-defaults --collector.textfile \
+      --collector.textfile.directory="$D/gone" --web.listen-address="$A"' 2>&1 | { grep -q -m1 \
+      'Listening on'; curl -s "http://$A/metrics"; kill $(cat "$D/ne"); })";
+    const std::string addr = "127.0.0.1:" + std::to_string(free_port());
+    const RunResult r = run_to_exit("/bin/sh", {"-c", scrape, s.dir.path(), addr});
     EXPECT_EQ(sample(r.out, "corvald_store_errors_total"), 1) << r.out;
     EXPECT_EQ(sample(r.out, "node_textfile_scrape_error"), 0) << r.out;
 }
@@ -123,23 +120,25 @@ TEST(Metrics, CheckConfigStatuses) {
     SeedStore s;
     const std::string good = s.conf();
     s.cfg.values["local_nodes"] = "gone";
-    s.cfg.values["metrics_file"] = s.dir / "no/m.prom";
+    s.cfg.values["metrics_file"] = "no/m.prom";
     s.cfg.values["bind_interface"] = "nosuch0";
     s.cfg.values["path_lock_timeout_ms"] = "x";
     const std::string bad = s.cfg.write(s.dir, "bad.conf");
     const std::string broken = s.dir.write("broken.conf", "ping_interval = 3601\n");
-    const struct { std::vector<std::string> args; int status; std::string out, err; } rows[] = {
-        {{"check-config", good}, 0, good + ": ok\n", ""},
-        {{"-C", bad, "check-config"}, 1,
-         "warning: local_nodes: gone: No such file or directory\nwarning: metrics_file: " +
-             s.dir / "no/m.prom: its directory is missing\nwarning: bind_interface: nosuch0: no "
-                     "such interface on this host\nwarning: path_lock_timeout_ms: 0: a document "
-                     "held elsewhere is given up at once\n", ""},
-        {{"check-config", broken}, 2, "", "error: config_load(): Incorrect ping_interval value: 3601\n"},
-        {{"--version"}, 0, "corvalctl " CORVALD_VERSION "\n", ""}};
-    for (const auto& row : rows) {
-        const RunResult r = run_to_exit(CORVALCTL_BIN, row.args);
-        EXPECT_EQ(std::tie(r.status, r.out, r.err), std::tie(row.status, row.out, row.err));
+    // Each row: the status, standard output, "|", standard error.
+    const std::pair<std::vector<std::string>, std::string> rows[] = {
+        {{"check-config", good}, "0 " + good + ": ok\n|"},
+        {{"-C", bad, "check-config"},
+         "1 warning: local_nodes: gone: No such file or directory\nwarning: metrics_file: "
+         "no/m.prom: its directory is missing\nwarning: bind_interface: nosuch0: no such "
+         "interface on this host\nwarning: path_lock_timeout_ms: 0: a document held elsewhere "
+         "is given up at once\n|"},
+        {{"check-config", broken},
+         "2 |error: config_load(): Incorrect ping_interval value: 3601\n"},
+        {{"--version"}, "0 corvalctl " CORVALD_VERSION "\n|"}};
+    for (const auto& [args, want] : rows) {
+        const RunResult r = run_to_exit(CORVALCTL_BIN, args);
+        EXPECT_EQ(std::to_string(r.status) + " " + r.out + "|" + r.err, want);
     }
 }
 
