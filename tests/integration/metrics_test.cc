@@ -40,8 +40,8 @@ long long udp_drops(int port) {
     return f[11].empty() ? -1 : std::stoll(f[11]);
 }
 
-// Of each kind a known number (the daemon's start-up pings and a DS_PING
-// command go to a peer); a node locked by the test (no wait allowed)
+// Of each kind a known number (the daemon's start-up pings and a stored
+// document's announcement go to a peer); a node locked by the test (no wait allowed)
 // and one without a record; a flood while the daemon is stopped, which the
 // kernel drops in part. Every short datagram is counted, as short or by the
 // kernel. Then the directory goes: one error line, not one per report.
@@ -61,8 +61,7 @@ TEST(Metrics, FileCountsWhatCameAndCollectorsReadIt) {
     for (uint8_t type : {35, 200, 200}) ASSERT_TRUE(send_datagram(header(type, 99).b, port));
     ControlClient c(s.cfg.ctrl_port());
     ASSERT_TRUE(c.send("hello\n") && d.wait_for("MSG (ignored)"));
-    const size_t cmd = d.mark();  // the start-up pings logged the same line
-    ASSERT_TRUE(c.send("ds_ping 1\n") && d.wait_for_after(cmd, "Send DS_PING"));
+    ASSERT_TRUE(c.send("store_json|1|apps/|cfg.json|{}\n"));
     d.signal(SIGSTOP);
     const size_t flood = d.mark();
     for (int i = 0; i < 1000; ++i) ASSERT_TRUE(send_datagram(header(32, 99, 206).b, port));
@@ -79,7 +78,7 @@ TEST(Metrics, FileCountsWhatCameAndCollectorsReadIt) {
     const std::string file = read_file(s.dir / "m/corvald.prom");
     const std::pair<const char*, long long> want[] = {
         {"corvald_datagrams_received_total{type=\"heartbeat\"}", 3},
-        {"corvald_datagrams_sent_total{type=\"ds_ping\"}", 2},
+        {"corvald_datagrams_sent_total{type=\"st_json\"}", 1},
         {"corvald_datagrams_dropped_total{reason=\"malformed\"}", 1},
         {"corvald_datagrams_dropped_total{reason=\"short\"}", 1001 - dropped},
         {"corvald_datagrams_dropped_total{reason=\"kernel\"}", dropped},
@@ -87,7 +86,8 @@ TEST(Metrics, FileCountsWhatCameAndCollectorsReadIt) {
         {"corvald_lock_timeouts_total{kind=\"node\"}", 2},
         {"corvald_store_errors_total", 1},
         {"corvald_control_connections_total", 1},
-        {"corvald_control_commands_total{command=\"ds_ping\"}", 1},
+        {"corvald_control_commands_total{command=\"store_json\"}", 1},
+        {"corvald_documents_stored_total", 1},
         {"corvald_control_commands_total{command=\"ignored\"}", 1}};
     for (const auto& [name, n] : want) EXPECT_EQ(sample(file, name), n) << name << "\n" << file;
 
