@@ -19,6 +19,8 @@
 
 #include "base/config.h"
 #include "base/config_internal.h"
+#include "base/version.h"
+#include "check_config.h"
 #include "net/netlib.h"
 #include "render.h"
 #include "send.h"
@@ -156,6 +158,7 @@ int main(int argc, char** argv) {
     app.add_option("-C,--config", config, "configuration file of the daemon")
         ->capture_default_str();
     app.add_flag("--json", json, "one JSON document instead of tables (listings)");
+    app.set_version_flag("--version", "corvalctl " CORVALD_VERSION);
     app.require_subcommand(1);
     app.fallthrough();
     for (const char* name : {"nodes", "datastores", "docs"})
@@ -165,6 +168,9 @@ int main(int argc, char** argv) {
     bool break_dead = false;
     app.add_subcommand("locks", "list the lock files and their holders")
         ->add_flag("--break-dead", break_dead, "remove the lock files whose holder is gone");
+    std::string check_file;
+    app.add_subcommand("check-config", "read a configuration as the daemon does and check it")
+        ->add_option("FILE", check_file, "the file to check (default: the one -C names)");
 
     // The control commands: keyword of the line, then its arguments.
     const std::vector<std::pair<const char*, std::vector<const char*>>> commands = {
@@ -181,7 +187,7 @@ int main(int argc, char** argv) {
     }
     try {
         app.parse(argc, argv);
-    } catch (const CLI::CallForHelp& e) {
+    } catch (const CLI::Success& e) {  // --help, --version
         return app.exit(e);
     } catch (const CLI::ParseError& e) {
         return usage_error(app, e.what());
@@ -209,11 +215,21 @@ int main(int argc, char** argv) {
             return usage_error(*sub, why);
     }
 
+    // check-config: the reader's errors as below (2), then its own warnings (1).
+    if (!check_file.empty())
+        config = check_file;
     opt_config = config.c_str();
     config_module_setup();
     if (std::string error; config_read(opt_config, error) < 0) {
         std::cerr << error;
         return 2;
+    }
+    if (name == "check-config") {
+        const std::vector<std::string> warnings = ctl::config_warnings();
+        for (const std::string& w : warnings) std::cout << ctl::escape(w) << "\n";
+        if (warnings.empty())
+            std::cout << ctl::escape(config) << ": ok\n";
+        return warnings.empty() ? 0 : 1;
     }
     cfg_node_lock_timeout_ms = cfg_datastore_lock_timeout_ms = cfg_vdisk_lock_timeout_ms =
         cfg_path_lock_timeout_ms = ctl::kLockWaitMs;

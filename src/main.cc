@@ -8,10 +8,12 @@
 #include <cstdlib>
 #include <cstring>
 #include <fcntl.h>
+#include <getopt.h>
 
 #include "base/config.h"
 #include "base/log.h"
 #include "base/syslog.h"
+#include "base/version.h"
 #include "controller/controller.h"
 #include "store/lock_files.h"
 #include "util/io.h"
@@ -58,9 +60,15 @@ pid_t read_pid_file() {
 }  // namespace
 
 int main(int argc, char** argv) {
+    // --version is the one long option; the usage line keeps the short ones.
+    static const struct option long_options[] = {{"version", no_argument, nullptr, 'V'},
+                                                 {nullptr, 0, nullptr, 0}};
     int ch;
-    while ((ch = ::getopt(argc, argv, "dC:h")) != -1) {
+    while ((ch = ::getopt_long(argc, argv, "dC:hV", long_options, nullptr)) != -1) {
         switch (ch) {
+            case 'V':
+                std::printf("corvald %s\n", CORVALD_VERSION);
+                return 0;
             case 'd':
                 ++opt_debug;
                 break;

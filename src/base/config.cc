@@ -20,6 +20,7 @@
 #include "base/config_internal.h"
 #include "base/syslog.h"
 #include "base/unique_file.h"
+#include "base/version.h"
 
 namespace corvald {
 
@@ -51,6 +52,7 @@ int cfg_path_lock_timeout_ms;
 std::string cfg_local_files;
 int cfg_json_ping_interval;
 int cfg_ctrl_idle_timeout;
+std::string cfg_metrics_file;
 
 namespace {
 
@@ -102,6 +104,7 @@ const ConfigKey keys[] = {
     {"local_files", ConfigKind::String, &cfg_local_files, nullptr, nullptr, "/v2/local_files", 0},
     {"json_ping_interval", ConfigKind::Int, nullptr, &cfg_json_ping_interval, interval_range, nullptr, 90},
     {"ctrl_idle_timeout", ConfigKind::Int, nullptr, &cfg_ctrl_idle_timeout, stats_range, nullptr, 30},
+    {"metrics_file", ConfigKind::String, &cfg_metrics_file, nullptr, nullptr, "", 0},
 };
 
 // Longest bind_interface name the kernel's interface requests can carry.
@@ -267,6 +270,9 @@ void config_dump() {
             line += std::to_string(*k.num);
         }
     }
+    // The start-up line, so it also says which build runs: after the keys,
+    // which keep their order.
+    line += " version=" CORVALD_VERSION;
     ::syslog(LOG_INFO, "%s", line.c_str());
 }
 

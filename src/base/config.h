@@ -37,6 +37,8 @@ extern std::string cfg_local_files;
 extern int cfg_json_ping_interval;
 // Seconds a control connection may stay silent before it is closed; 0: never.
 extern int cfg_ctrl_idle_timeout;
+// The metrics file rewritten at every statistics report; empty: none.
+extern std::string cfg_metrics_file;
 
 // Compiles the line patterns and installs every default; exits 1 if a
 // pattern does not compile.

@@ -13,6 +13,7 @@
 
 #include "base/log.h"
 #include "controller/controller_internal.h"
+#include "controller/metrics.h"
 #include "controller/stats.h"
 #include "net/datagram.h"
 #include "net/netlib.h"
@@ -120,16 +121,16 @@ int load_local_node(Node* node, unsigned what, int* ds_rc) {
     if (lock.take(NodeLockName(node->nodeid)) < 0)
         return -1;
     if (NodeLoad(node) < 0)
-        return -2;
+        return store_result(-2);
     if (what & (kLoadDSMember | kRequireDSMember)) {
         const int rc = NodeLoad_DSMember(node->nodeuuid, node->dsuuid, sizeof node->dsuuid);
         if (ds_rc != nullptr)
             *ds_rc = rc;
         if (rc < 0 && (what & kRequireDSMember))
-            return -2;
+            return store_result(-2);
     }
     if ((what & kLoadVDisks) && NodeLoad_VDisks(node->nodeid, &node->vdisks) < 0)
-        return -2;
+        return store_result(-2);
     return 0;
 }
 
@@ -137,7 +138,7 @@ int load_datastore(Node* node) {
     HeldLock lock;
     if (lock.take(DatastoreLockNameStr(node->dsuuid)) < 0)
         return -1;
-    return DatastoreLoad(node->dsuuid, &node->dse);
+    return store_result(DatastoreLoad(node->dsuuid, &node->dse));
 }
 
 void send_aux_ping(const Node* node, char* buf, size_t buflen, int so, const char* op) {

@@ -19,6 +19,7 @@
 #include "base/config.h"
 #include "base/log.h"
 #include "controller/controller_internal.h"
+#include "controller/metrics.h"
 #include "controller/stats.h"
 #include "net/datagram.h"
 #include "net/netlib.h"
@@ -233,8 +234,18 @@ constexpr CtrlCommand kCommands[] = {
     {"store_json", store_json_cmd},
     {"delete_json", delete_json_cmd},
 };
+constexpr size_t kCommandCount = sizeof kCommands / sizeof kCommands[0];
+
+// Lines run per keyword of kCommands, in table order, and last the lines
+// that ran none (no line feed, or no keyword).
+long long command_runs[kCommandCount + 1];
 
 }  // namespace
+
+void ctrl_command_counts(const std::function<void(const char*, long long)>& each) {
+    for (size_t i = 0; i < kCommandCount; ++i) each(kCommands[i].keyword.data(), command_runs[i]);
+    each("ignored", command_runs[kCommandCount]);
+}
 
 Node* find_local_node(const char* nodeuuid) {
     for (auto& node : local_nodes)
@@ -247,16 +258,21 @@ int handle_ctrl_cmd(CtrlConn* ccp, char* buf, size_t buflen, int so) {
     char* line = ccp->buf.get();
     char* lf = std::strchr(line, '\n');
     if (lf == nullptr) {
+        ++command_runs[kCommandCount];
         CV_ERROR("Malformed CTRL MSG %s", line);
         return -1;
     }
     *lf = '\0';
     if (lf > line && lf[-1] == '\r')
         lf[-1] = '\0';
-    for (const CtrlCommand& c : kCommands) {
-        if (::strncasecmp(line, c.keyword.data(), c.keyword.size()) == 0)
+    for (size_t i = 0; i < kCommandCount; ++i) {
+        const CtrlCommand& c = kCommands[i];
+        if (::strncasecmp(line, c.keyword.data(), c.keyword.size()) == 0) {
+            ++command_runs[i];
             return c.run(ccp, buf, buflen, so);
+        }
     }
+    ++command_runs[kCommandCount];
     CV_NOTICE("MSG (ignored) from CTRL client %s:%d: %s", ccp->addr, ccp->port, line);
     return 0;
 }
@@ -363,6 +379,7 @@ int accept_ctrl_conn(int ctrlso, CtrlConnList* cclp) {
     if (fd_blocking(ccp->so, 0) < 0)
         return 0;
     CV_NOTICE_AS(kLoop, "Accepted CTRL connection from %s:%d", ccp->addr, ccp->port);
+    ++controller_counters.ctrl_connections;
     ccp->last_active = monotonic_now();
     cclp->push_back(std::move(ccp));
     return 1;

@@ -150,6 +150,9 @@ int accept_ctrl_conn(int ctrlso, CtrlConnList* cclp);
 // Runs the command line at the start of ccp->buf, building its datagrams in
 // buf (buflen bytes) and sending them on so. 0 or -1 (not used by the loop).
 int handle_ctrl_cmd(CtrlConn* ccp, char* buf, size_t buflen, int so);
+// Calls each with every control keyword in table order, then with "ignored"
+// (lines that ran no command), and the lines of each since start.
+void ctrl_command_counts(const std::function<void(const char*, long long)>& each);
 // The local node whose id text is nodeuuid (compared exactly), or nullptr.
 Node* find_local_node(const char* nodeuuid);
 

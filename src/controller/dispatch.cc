@@ -12,6 +12,7 @@
 
 #include "base/log.h"
 #include "controller/controller_internal.h"
+#include "controller/metrics.h"
 #include "controller/stats.h"
 #include "net/datagram.h"
 #include "net/netlib.h"
@@ -40,11 +41,13 @@ struct Received {
 // Each store call runs under exactly one lock, taken before and released
 // after it; a lock that cannot be had stops the handler (logged by the
 // lock code). These take the lock and run the call; -1 when either fails.
+// A lock that was not had in time is counted by the lock code; every other
+// failure is a store error.
 template <class Op>
 int under_lock(const LockName& ln, Op op) {
     HeldLock lock;
-    if (lock.take(ln) < 0) return -1;
-    return op();
+    if (int rc = lock.take(ln); rc < 0) return rc < -1 ? store_result(-1) : -1;
+    return store_result(op());
 }
 
 int node_create(const Received& rx) {
@@ -87,6 +90,7 @@ void handle_aux_ping(const Received& rx) {
     AuxPingData aux;
     // The byte between the header and the capacity record is not read.
     if (!rx.rd.read_at(AUX_PING_DATA_OFFSET, &aux)) {
+        count_drop(DropReason::Malformed);
         CV_ERROR_AS(kLoop, "Malformed Node Ping?");
         return;
     }
@@ -113,6 +117,7 @@ void handle_vdisk_deleted(const Received& rx) {
     if (node_create(rx) < 0) return;
     VDiskDeleteEntry vdde;
     if (!rx.rd.read_at(HDR_SIZE, &vdde)) {
+        count_drop(DropReason::Malformed);
         CV_ERROR_AS(kLoop, "Malformed packet? #4");
         return;
     }
@@ -155,6 +160,8 @@ void handle_vdisk_ping(const Received& rx, bool single) {
         std::unique_ptr<VDisk> vdisk;
         int rc = VDiskRead(&rd, &vdisk);
         if (rc == -2 || rc == -3) {
+            // The entries before it stay stored; the rest is dropped.
+            count_drop(DropReason::Malformed);
             CV_ERROR_AS(kLoop, "Malformed packet? #%d", -rc);
             ++errors;
             break;
@@ -191,10 +198,12 @@ void handle_vdisk_ping(const Received& rx, bool single) {
 void handle_json_ping(const Received& rx) {
     jsonEntry je;
     if (!rx.rd.read_at(HDR_SIZE, &je)) {
+        count_drop(DropReason::Malformed);
         CV_ERROR_AS(kLoop, "Malformed JSON ping header");
         return;
     }
     if (je.offset > rx.rd.length() - JSON_TEXT_OFFSET) {
+        count_drop(DropReason::Malformed);
         CV_ERROR_AS(kLoop, "Malformed JSON ping empty payload");
         return;
     }
@@ -203,9 +212,9 @@ void handle_json_ping(const Received& rx) {
     std::string_view text = rx.rd.tail(JSON_TEXT_OFFSET + static_cast<size_t>(je.offset));
     je.jsonlen = text.size();
     if (rx.hdr.type == msg::STORE_JSON)
-        json_store_handle_ping(&je, text.empty() ? "" : text.data());
+        store_result(json_store_handle_ping(&je, text.empty() ? "" : text.data()));
     else
-        json_delete_local_files(&je);
+        store_result(json_delete_local_files(&je));
 }
 
 // Counts the datagram under its type and runs that type's handler. Every
@@ -244,9 +253,26 @@ void dispatch_datagram(const Received& rx) {
             return;
         default:
             stats_rx_raise(counter::UNKNOWN);
+            count_drop(DropReason::UnknownType);
             CV_ERROR_AS(kLoop, "Received unknown header type %u", unsigned{rx.hdr.type});
             hdr_dump(&rx.hdr);
             return;
+    }
+}
+
+// The kernel's count of datagrams it dropped on the socket for want of
+// room, which it attaches (SO_RXQ_OVFL) to a datagram received after them:
+// cumulative since the socket was made, so only the rise since the last one
+// seen is counted. Drops after the last datagram show with the next one.
+void count_kernel_drops(struct msghdr* mh) {
+    static uint32_t seen = 0;
+    for (struct cmsghdr* c = CMSG_FIRSTHDR(mh); c != nullptr; c = CMSG_NXTHDR(mh, c)) {
+        if (c->cmsg_level != SOL_SOCKET || c->cmsg_type != SO_RXQ_OVFL) continue;
+        uint32_t total;
+        std::memcpy(&total, CMSG_DATA(c), sizeof total);
+        // Unsigned: a count that wrapped past 2^32 still rises by the difference.
+        count_drop(DropReason::Kernel, static_cast<uint32_t>(total - seen));
+        seen = total;
     }
 }
 
@@ -255,21 +281,31 @@ void dispatch_datagram(const Received& rx) {
 int receive_datagram(char* buf, size_t buflen, int so) {
     struct sockaddr_in from;
     ssize_t len;
+    alignas(struct cmsghdr) char control[CMSG_SPACE(sizeof(uint32_t))];
+    struct msghdr mh;
     for (;;) {
         std::memset(&from, 0, sizeof from);
-        socklen_t fromlen = sizeof from;
+        struct iovec iov = {buf, buflen};
+        std::memset(&mh, 0, sizeof mh);
+        mh.msg_name = &from;
+        mh.msg_namelen = sizeof from;
+        mh.msg_iov = &iov;
+        mh.msg_iovlen = 1;
+        mh.msg_control = control;
+        mh.msg_controllen = sizeof control;
         // Not blocking: select may report a datagram that the kernel then
         // drops (a bad checksum), and a blocked receive would hold the loop,
         // stop signals included, until the next one arrives. Finding nothing
-        // is not a failure of the socket, so it only ends the turn.
-        len = ::recvfrom(so, buf, buflen, MSG_DONTWAIT, reinterpret_cast<struct sockaddr*>(&from),
-                         &fromlen);
+        // is not a failure of the socket, so it only ends the turn. A
+        // recvmsg for the drop count, reported as the recvfrom it replaces.
+        len = ::recvmsg(so, &mh, MSG_DONTWAIT);
         if (len >= 0) break;
         if (errno == EINTR) continue;
         if (errno == EAGAIN || errno == EWOULDBLOCK) return 1;
         CV_ERROR_AS(kLoop, "recvfrom(): %s", std::strerror(errno));
         return -1;
     }
+    count_kernel_drops(&mh);
     return handle_datagram(buf, static_cast<size_t>(len), &from);
 }
 
@@ -279,6 +315,7 @@ int handle_datagram(const char* buf, size_t len, const struct sockaddr_in* from)
     const DatagramReader rd(buf, len);
     Hdr hdr;
     if (!rd.read_at(0, &hdr)) {
+        count_drop(DropReason::Short);
         CV_ERROR_AS(kLoop, "Malformed packet? #1");
         return 1;
     }

@@ -18,6 +18,7 @@
 #include <string>
 
 #include "base/config.h"
+#include "base/counters.h"
 #include "base/list_file.h"
 #include "base/log.h"
 #include "base/unique_file.h"
@@ -327,6 +328,7 @@ int json_store_handle_ping(jsonEntry* jsonobj, const char* json) {
         CV_ERROR("Failed to store file %s", jsonobj->filename);
         return -1;
     }
+    ++store_counters.documents_stored;
     return 0;
 }
 
@@ -474,6 +476,7 @@ int json_file_check(const char* filepath, const struct stat* /*info*/, int typef
         CV_NOTICE("Delete local files %.*s due to timeout %gs",
                   static_cast<int>(::strnlen(rec.filename, sizeof rec.filename)), rec.filename,
                   age);
+        ++store_counters.documents_expired;
         json_delete_local_files(&rec);
     }
     return 0;

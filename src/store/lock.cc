@@ -14,6 +14,7 @@
 #include <string>
 
 #include "base/config.h"
+#include "base/counters.h"
 #include "base/log.h"
 #include "net/netlib.h"
 #include "store/attr.h"
@@ -92,6 +93,22 @@ void warn_dead_holder(const char* name, const char* lockpath) {
     CV_WARN_AS("PathLock", "Lock %s held by dead process %d", lockpath, static_cast<int>(pid));
 }
 
+// Counts a wait that ended with the lock still held elsewhere, under the
+// record kind its name's prefix (from the name builders below) tells; every
+// other name is a JSON path lock.
+void count_timeout(const char* name) {
+    static constexpr struct {
+        const char* prefix;
+        LockKind kind;
+    } kPrefixes[] = {{"NODE-", LockKind::Node}, {"DS-", LockKind::Datastore},
+                     {"VDISK-", LockKind::VDisk}};
+    LockKind kind = LockKind::Path;
+    for (const auto& p : kPrefixes)
+        if (std::strncmp(name, p.prefix, std::strlen(p.prefix)) == 0)
+            kind = p.kind;
+    ++store_counters.lock_timeouts[static_cast<size_t>(kind)];
+}
+
 }  // namespace
 
 int PathLock(const char* path, int timeout_ms) {
@@ -123,9 +140,14 @@ int PathLock(const char* path, int timeout_ms) {
             CV_ERROR("open(%s): %s", lockpath, std::strerror(errno));
             return -2;
         }
-        if (timeout_ms <= 0) return -1;
+        // A wait of no time is a timeout too: the record was not had.
+        if (timeout_ms <= 0) {
+            count_timeout(path);
+            return -1;
+        }
         if (slept >= timeout_ms || step > timeout_ms) {
             CV_NOTICE("Timed out locking %s", lockpath);
+            count_timeout(path);
             return -1;
         }
         slept += step;
