@@ -229,13 +229,15 @@ bool due(time_t ts, int interval) {
     return monotonic_now() >= ts + interval;
 }
 
-// Both files, in either mode; a failed load keeps the list in force and is
+// Both files (and the key file), in either mode; a failed load keeps the list in force and is
 // not retried before the next SIGHUP.
 void reload_lists() {
     load_local_nodes();
     dump_local_nodes();
     load_unicast_hosts();
     dump_unicast_hosts();
+    // Keys rotate without a restart: a new key file is read here too.
+    auth_reload_keys();
 }
 
 // The periodic tasks in their order. Each reference time is taken from the

@@ -18,6 +18,7 @@
 
 #include "base/config.h"
 #include "base/list_file.h"
+#include "base/log.h"
 #include "base/unique_file.h"
 #include "net/netlib.h"
 
@@ -241,6 +242,21 @@ int auth_module_setup(std::string* error) {
     last_seq.clear();
     read_own_addresses();
     return 0;
+}
+
+void auth_reload_keys() {
+    if (mode == AuthMode::Off)
+        return;
+    std::vector<AuthKey> fresh;
+    std::string why;
+    if (auth_read_key_file(cfg_auth_key_file.c_str(), &fresh, &why) < 0) {
+        CV_ERROR("%s; the keys in force stay", why.c_str());
+        return;
+    }
+    wipe_keys();
+    keys.swap(fresh);
+    CV_NOTICE("Loaded %zu keys from %s, key %u signs", keys.size(), cfg_auth_key_file.c_str(),
+              unsigned{keys.front().id});
 }
 
 void auth_module_teardown() {

@@ -75,6 +75,10 @@ int auth_read_key_file(const char* path, std::vector<AuthKey>* keys, std::string
 // Start-up: the mode, the library, the key file, the host's own addresses.
 // 0, or -1 with the standard-error message (newline included) in *error.
 int auth_module_setup(std::string* error);
+// Re-reads the key file (SIGHUP): the new keys replace the old ones only
+// when the whole file read cleanly; otherwise the keys in force stay and
+// the reason is logged. Nothing with auth_mode off.
+void auth_reload_keys();
 // Forgets the keys (wiped), the replay state and the mode (back to off).
 void auth_module_teardown();
 // Whether the mode is not off.
