@@ -38,7 +38,7 @@ std::string setup(const std::string& mode) {
 TEST(Auth, OnlyVerifiedFreshDatagramsAndOwnClaimsReachTheStore) {
     Receiver r(StoreBuilder{});
     cfg_auth_key_file = r.dir.write("keys", "# cluster keys\n\n1 " + kKey1 + "\n2 " + kKey2 + "\n");
-    ::chmod(cfg_auth_key_file.c_str(), 0644);
+    ::chmod(cfg_auth_key_file.c_str(), 0604);
     EXPECT_EQ(setup("require"), "error: auth_module_setup(): auth_key_file " + cfg_auth_key_file +
                                     ": open to group or others (chmod 600 it)\n");
     ::chmod(cfg_auth_key_file.c_str(), 0600);
@@ -78,6 +78,15 @@ TEST(Auth, OnlyVerifiedFreshDatagramsAndOwnClaimsReachTheStore) {
     EXPECT_EQ(warned, (std::vector<std::string>{
                           W + "127.0.0.8: replayed (replay)",
                           W + "198.51.100.7: claims local node 7 (foreign_claim)"}));
+    // A signing daemon keeps the trailer's room free behind what it builds.
+    ASSERT_EQ(setup("sign"), "");
+    std::vector<char> buf(65536);
+    const size_t room = buf.size() - AUTH_TRAILER_SIZE;
+    for (size_t n : {room, room + 1}) {
+        auto build = [&](const Node*, char*, size_t len, size_t* out) { return n <= len ? (*out = n, 0) : -1; };
+        EXPECT_EQ(send_announcement("t", "X", 1, local_nodes[0].get(), build, buf.data(), buf.size(), -1),
+                  n == room);
+    }
     // Accepting takes unsigned datagrams, never a failing tag.
     ASSERT_EQ(setup("accept"), "");
     EXPECT_FALSE(show(r.feed(header(35, 9).demo_node().aux().b)).empty());
