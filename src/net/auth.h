@@ -45,6 +45,13 @@ static_assert(offsetof(AuthTrailerHead, seq) == 5);
 static_assert(offsetof(AuthTrailerHead, timestamp) == 13);
 inline constexpr size_t AUTH_TRAILER_SIZE = sizeof(AuthTrailerHead) + kAuthTagBytes;  // 53
 
+// Whether this build has libsodium: without it only auth_mode off exists.
+#ifdef CORVALD_HAVE_SODIUM
+inline constexpr bool kAuthBuilt = true;
+#else
+inline constexpr bool kAuthBuilt = false;
+#endif
+
 // off: no trailer is sent or looked for (the daemon of before keys).
 // accept: signed datagrams are checked, unsigned ones taken; nothing signed.
 // sign: as accept, and every datagram sent is signed.

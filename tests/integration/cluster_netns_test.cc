@@ -14,13 +14,13 @@
 #include <algorithm>
 #include <chrono>
 #include <map>
-#include <numeric>
 #include <memory>
 #include <optional>
 #include <ranges>
 #include <string>
 #include <vector>
 
+#include "net/auth.h"
 #include "support/control_client.h"
 #include "support/daemon.h"
 #include "support/netns.h"
@@ -62,9 +62,10 @@ struct Cluster {
                 s.sh("rm -r VDisk/* Datastore/* Node/1/vdisks/* Node/1/datastoremember && mv Node/1 Node/3");
         }
     }
-    // (Re)starts host i's daemon on its configuration as it is now.
+    // (Re)starts host i's daemon on its configuration as it is now. The old
+    // runner goes first: it kills whatever runs in the work directory.
     void start(int i) {
-        if (daemon[i]) daemon[i]->signal(SIGTERM), daemon[i]->wait_exit();
+        if (daemon[i]) daemon[i]->signal(SIGTERM), daemon[i]->wait_exit(), daemon[i].reset();
         ASSERT_TRUE(in_netns(host[i].pid, [&] {
             daemon[i] = std::make_unique<Daemon>(
                 std::vector<std::string>{"-d", "-C", store[i]->conf()}, store[i]->dir);
@@ -127,6 +128,7 @@ const std::string K1 = "1 " + std::string(64, '1') + "\n", K2 = "2 " + std::stri
 // step; then the fourth namespace replays, alters and forges datagrams naming
 // their nodes, and no store changes.
 TEST(ClusterHosts, RolloutAndRotationLoseNoHeartbeatAndForgeriesChangeNothing) {
+    if (!kAuthBuilt) GTEST_SKIP() << "built without libsodium (CORVALD_AUTH)";
     Cluster c({{"heartbeat_interval", "1"}, {"stats_interval", "1"}, {"auth_key_file", "../keys"}});
     if (!c.skip.empty())
         GTEST_SKIP() << c.skip;
@@ -151,8 +153,7 @@ TEST(ClusterHosts, RolloutAndRotationLoseNoHeartbeatAndForgeriesChangeNothing) {
         };
         for (auto end = std::chrono::steady_clock::now() + 30s; !moved() && std::chrono::steady_clock::now() < end;)
             for (auto& d : c.daemon) d->wait_for("\n", 20ms);
-        auto join = [](const std::vector<std::string>& v) { return std::accumulate(v.begin(), v.end(), std::string()); };
-        EXPECT_TRUE(moved()) << "lastpings " << join(before) << "-> " << join(lastpings());
+        EXPECT_TRUE(moved());
     };
     beat();
     for (const char* mode : {"accept", "sign", "require"})
