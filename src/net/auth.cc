@@ -98,7 +98,7 @@ bool parse_key_line(const char* line, AuthKey* k) {
     return true;
 }
 
-const AuthKey* find_key(unsigned id) {
+[[maybe_unused]] const AuthKey* find_key(unsigned id) {
     for (const AuthKey& k : keys)
         if (k.id == id) return &k;
     return nullptr;
@@ -208,10 +208,10 @@ int auth_module_setup(std::string* error) {
     }
 #ifndef CORVALD_HAVE_SODIUM
     if (m != AuthMode::Off || !cfg_auth_key_file.empty()) {
+        const std::string what = m != AuthMode::Off ? "auth_mode " + cfg_auth_mode : "auth_key_file";
         std::snprintf(msg, sizeof msg,
-                      "error: %s(): auth_mode %s and auth_key_file need a corvald built with "
-                      "libsodium (CORVALD_AUTH)\n",
-                      __func__, cfg_auth_mode.c_str());
+                      "error: %s(): %s needs a corvald built with libsodium (CORVALD_AUTH)\n",
+                      __func__, what.c_str());
         *error = msg;
         return -1;
     }
