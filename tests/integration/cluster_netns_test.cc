@@ -162,7 +162,7 @@ TEST(ClusterHosts, RolloutAndRotationLoseNoHeartbeatAndForgeriesChangeNothing) {
         for (int i = 0; i < 3; ++i) {
             const size_t mark = c.daemon[i]->mark();
             keys(i, text), c.daemon[i]->signal(SIGHUP);
-            EXPECT_TRUE(c.daemon[i]->wait_for_after(mark, "auth_reload_keys(): Loaded"));
+            EXPECT_TRUE(c.daemon[i]->wait_for_after(mark, std::string("key ") + text[0] + " signs"));
             beat();
         }
     }
