@@ -38,6 +38,7 @@ std::string setup(const std::string& mode) {
 TEST(Auth, OnlyVerifiedFreshDatagramsAndOwnClaimsReachTheStore) {
     if (!kAuthBuilt) GTEST_SKIP() << "built without libsodium (CORVALD_AUTH)";
     Receiver r(StoreBuilder{});
+    cfg_auth_window = 60;  // the default; unset in this binary, and the clock turns
     cfg_auth_key_file = r.dir.write("keys", "# cluster keys\n\n1 " + kKey1 + "\n2 " + kKey2 + "\n");
     ::chmod(cfg_auth_key_file.c_str(), 0604);
     EXPECT_EQ(setup("require"), "error: auth_module_setup(): auth_key_file " + cfg_auth_key_file +
