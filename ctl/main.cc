@@ -26,6 +26,10 @@
 #include "send.h"
 #include "view.h"
 
+#ifdef CORVALD_HAVE_SODIUM
+#include <sodium.h>
+#endif
+
 namespace {
 
 using namespace corvald;
@@ -130,6 +134,29 @@ int list(const std::string& what, const std::string& uuid, bool json) {
     return 0;
 }
 
+// One new line for a key file, "ID HEX", from the system's random source; 2
+// when the tool was built without libsodium.
+int keygen(int id) {
+#ifdef CORVALD_HAVE_SODIUM
+    if (sodium_init() < 0) {
+        std::cerr << "corvalctl: sodium_init() failed\n";
+        return 2;
+    }
+    unsigned char key[32];
+    randombytes_buf(key, sizeof key);
+    char hex[2 * sizeof key + 1];
+    sodium_bin2hex(hex, sizeof hex, key, sizeof key);
+    sodium_memzero(key, sizeof key);
+    std::cout << id << ' ' << hex << '\n';
+    sodium_memzero(hex, sizeof hex);
+    return 0;
+#else
+    (void)id;
+    std::cerr << "corvalctl: keygen needs a corvalctl built with libsodium\n";
+    return 2;
+#endif
+}
+
 }  // namespace
 
 // The store loaders report through syslog(3). An operator's reads are no
@@ -165,6 +192,10 @@ int main(int argc, char** argv) {
         app.add_subcommand(name, std::string("list the ") + name);
     app.add_subcommand("vdisks", "list the VDisks, or show one in full")
         ->add_option("UUID", uuid, "the VDisk to show");
+    int key_id = 1;
+    app.add_subcommand("keygen", "print a new key line \"ID HEX\" for auth_key_file")
+        ->add_option("ID", key_id, "the key's id")
+        ->check(CLI::Range(1, 255));
     bool break_dead = false;
     app.add_subcommand("locks", "list the lock files and their holders")
         ->add_flag("--break-dead", break_dead, "remove the lock files whose holder is gone");
@@ -195,6 +226,8 @@ int main(int argc, char** argv) {
 
     const CLI::App* sub = app.get_subcommands().front();
     const std::string name = sub->get_name();
+    if (name == "keygen")
+        return keygen(key_id);
     auto it = std::find_if(commands.begin(), commands.end(),
                            [&](const auto& c) { return name == c.first; });
     // A VDisk uuid names a directory of the store, and nothing beside it.

@@ -7,6 +7,7 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <string>
 #include <fcntl.h>
 #include <getopt.h>
 
@@ -15,6 +16,7 @@
 #include "base/syslog.h"
 #include "base/version.h"
 #include "controller/controller.h"
+#include "net/auth.h"
 #include "store/lock_files.h"
 #include "util/io.h"
 #include "util/unique_fd.h"
@@ -106,6 +108,13 @@ int main(int argc, char** argv) {
         cfg_work_directory = cwd;
         std::free(cwd);
     }
+    // Keys and mode are checked while a refusal can still reach the
+    // terminal: a daemon that cannot sign or check as told does not start.
+    std::string auth_error;
+    if (auth_module_setup(&auth_error) < 0) {
+        std::fputs(auth_error.c_str(), stderr);
+        return 1;
+    }
     if (opt_debug == 0 && ::daemon(1, 0) < 0) {
         std::fprintf(stderr, "error: daemon(): %s\n", std::strerror(errno));
         return 1;
@@ -122,6 +131,7 @@ int main(int argc, char** argv) {
     if (controller_thread_loop() < 0) return 1;
 
     controller_module_teardown();
+    auth_module_teardown();
     config_module_teardown();
     syslog_module_teardown();
     return 0;

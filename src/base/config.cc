@@ -53,6 +53,9 @@ std::string cfg_local_files;
 int cfg_json_ping_interval;
 int cfg_ctrl_idle_timeout;
 std::string cfg_metrics_file;
+std::string cfg_auth_mode;
+std::string cfg_auth_key_file;
+int cfg_auth_window;
 
 namespace {
 
@@ -76,6 +79,7 @@ bool timeout_range(int v) { return static_cast<uint32_t>(v) <= 60000; }
 bool interval_range(int v) { return static_cast<uint32_t>(v) <= 3600; }
 bool stats_range(int v) { return static_cast<uint32_t>(v) <= 86400; }
 bool buffer_range(int v) { return v >= 65536; }
+bool window_range(int v) { return v >= 1 && v <= 86400; }
 
 // In the order config_dump prints them, each with its default.
 const ConfigKey keys[] = {
@@ -105,6 +109,9 @@ const ConfigKey keys[] = {
     {"json_ping_interval", ConfigKind::Int, nullptr, &cfg_json_ping_interval, interval_range, nullptr, 90},
     {"ctrl_idle_timeout", ConfigKind::Int, nullptr, &cfg_ctrl_idle_timeout, stats_range, nullptr, 30},
     {"metrics_file", ConfigKind::String, &cfg_metrics_file, nullptr, nullptr, "", 0},
+    {"auth_mode", ConfigKind::String, &cfg_auth_mode, nullptr, nullptr, "off", 0},
+    {"auth_key_file", ConfigKind::String, &cfg_auth_key_file, nullptr, nullptr, "", 0},
+    {"auth_window", ConfigKind::Int, nullptr, &cfg_auth_window, window_range, nullptr, 60},
 };
 
 // Longest bind_interface name the kernel's interface requests can carry.

@@ -39,6 +39,12 @@ extern int cfg_json_ping_interval;
 extern int cfg_ctrl_idle_timeout;
 // The metrics file rewritten at every statistics report; empty: none.
 extern std::string cfg_metrics_file;
+// off, accept, sign or require: whether datagrams are signed and checked.
+extern std::string cfg_auth_mode;
+// The cluster's keys ("ID HEX" lines, the first signs); empty: none.
+extern std::string cfg_auth_key_file;
+// Seconds a signed datagram's timestamp may differ from the clock.
+extern int cfg_auth_window;
 
 // Compiles the line patterns and installs every default; exits 1 if a
 // pattern does not compile.

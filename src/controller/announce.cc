@@ -8,6 +8,7 @@
 #include <arpa/inet.h>
 #include <sys/socket.h>
 
+#include <cassert>
 #include <cerrno>
 #include <cstring>
 
@@ -15,6 +16,7 @@
 #include "controller/controller_internal.h"
 #include "controller/metrics.h"
 #include "controller/stats.h"
+#include "net/auth.h"
 #include "net/datagram.h"
 #include "net/netlib.h"
 #include "net/socket.h"
@@ -154,14 +156,17 @@ bool send_announcement(const char* op, const char* kind, int idx, const Node* no
     if (label == nullptr)
         label = value = "";
     size_t len = 0;
-    if (build(node, buf, buflen, &len) < 0) {
+    // A signing daemon builds into less than the whole buffer: the trailer
+    // must fit behind the datagram, and one that leaves it no room is
+    // "Oversized" like any other.
+    if (build(node, buf, buflen - auth_trailer_room(), &len) < 0) {
         CV_ERROR_AS(op, "Oversized %s from Node %s%s%s%s%s", kind, node->nodeuuid, sp, label, sp,
                     value);
         return false;
     }
     CV_INFO_AS(op, "Send %s %zuB from Node %s%s%s%s%s", kind, len, node->nodeuuid, sp, label, sp,
                value);
-    xmit_msg(buf, len, so, idx);
+    xmit_msg(buf, buflen, len, so, idx);
     return true;
 }
 
@@ -224,7 +229,12 @@ int build_heartbeat(const Node* node, char* buf, size_t buflen, size_t* msglen) 
     return 0;
 }
 
-int xmit_msg(const char* buf, size_t msglen, int so, int idx) {
+int xmit_msg(char* buf, size_t buflen, size_t msglen, int so, int idx) {
+    // Signed once, sent alike to every destination.
+    if (auth_trailer_room() > 0) {
+        assert(msglen + auth_trailer_room() <= buflen);
+        msglen = auth_sign(buf, msglen);
+    }
     int result = 0;
     for (const Host& h : destination_list(unicast_hosts, multicast_groups)) {
         const unsigned port = ntohs(h.sa.sin_port);

@@ -23,6 +23,7 @@
 #include "controller/controller_internal.h"
 #include "controller/metrics.h"
 #include "controller/stats.h"
+#include "net/auth.h"
 #include "net/socket.h"
 #include "store/json_store.h"
 #include "util/io.h"
@@ -212,6 +213,18 @@ void stats() {
         ts[0], tl[0], ts[1], tl[1], ts[2], tl[2], ts[3], tl[3], ts[4], tl[4], ts[5], tl[5], ts[6],
         tl[6], ts[7], tl[7]);
     std::memset(stats_tx_short, 0, sizeof stats_tx_short);
+    // Only a daemon that checks datagrams, or one that has refused a claim
+    // of its nodes, has drops to report: the lines above stay the whole
+    // report otherwise.
+    const long long* dl = stats_drop_long;
+    const long long* ds = stats_drop_short;
+    if (auth_enabled() || dl[drop::FOREIGN_CLAIM] > 0) {
+        CV_NOTICE("DROP: %s=%lld/%lld %s=%lld/%lld %s=%lld/%lld %s=%lld/%lld %s=%lld/%lld",
+                  drop_reason_names[0], ds[0], dl[0], drop_reason_names[1], ds[1], dl[1],
+                  drop_reason_names[2], ds[2], dl[2], drop_reason_names[3], ds[3], dl[3],
+                  drop_reason_names[4], ds[4], dl[4]);
+        std::memset(stats_drop_short, 0, sizeof stats_drop_short);
+    }
     metrics_report();
 }
 
@@ -238,13 +251,15 @@ bool due(time_t ts, int interval) {
     return monotonic_now() >= ts + interval;
 }
 
-// Both files, in either mode; a failed load keeps the list in force and is
+// Both files (and the key file), in either mode; a failed load keeps the list in force and is
 // not retried before the next SIGHUP.
 void reload_lists() {
     load_local_nodes();
     dump_local_nodes();
     load_unicast_hosts();
     dump_unicast_hosts();
+    // Keys rotate without a restart: a new key file is read here too.
+    auth_reload_keys();
 }
 
 // The periodic tasks in their order. Each reference time is taken from the

@@ -99,10 +99,12 @@ int build_aux_ping(const Node* node, char* buf, size_t buflen, size_t* msglen);
 int build_vdisk_ping(const Node* node, char* buf, size_t buflen, size_t* msglen);
 // HEARTBEAT: the header alone.
 int build_heartbeat(const Node* node, char* buf, size_t buflen, size_t* msglen);
-// Sends the first msglen bytes of buf to every destination in force and
-// raises ALL and idx (1..7) per destination reached. 0 when every
-// destination took the whole datagram (also for none), -1 otherwise.
-int xmit_msg(const char* buf, size_t msglen, int so, int idx);
+// Sends the first msglen bytes of buf (buflen bytes) to every destination
+// in force, signed first when the daemon signs (the builder left the
+// trailer's room: msglen + auth_trailer_room() <= buflen), and raises ALL
+// and idx (1..7) per destination reached. 0 when every destination took the
+// whole datagram (also for none), -1 otherwise.
+int xmit_msg(char* buf, size_t buflen, size_t msglen, int so, int idx);
 // The DS_PING, AUX_PING and PING of every local node, reloaded from the store.
 void send_pings(char* buf, size_t buflen, int so);
 // The HEARTBEAT of every local node.

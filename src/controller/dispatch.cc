@@ -8,12 +8,15 @@
 #include <cerrno>
 #include <cstdio>
 #include <cstring>
+#include <ctime>
 #include <memory>
+#include <unordered_map>
 
 #include "base/log.h"
 #include "controller/controller_internal.h"
 #include "controller/metrics.h"
 #include "controller/stats.h"
+#include "net/auth.h"
 #include "net/datagram.h"
 #include "net/netlib.h"
 #include "store/datastore.h"
@@ -25,9 +28,78 @@
 
 namespace corvald {
 
+const char* const drop_reason_names[drop::COUNT] = {"no_trailer", "unknown_key", "bad_tag",
+                                                    "replay", "foreign_claim"};
+long long stats_drop_long[drop::COUNT];
+long long stats_drop_short[drop::COUNT];
+
 namespace {
 
 constexpr const char* kLoop = "controller_thread_loop";
+
+// When each source address was last warned about, on the monotonic clock.
+// A flood from forged sources must not grow it without bound: when full,
+// the entries of the last minute stay and new sources go unwarned (their
+// drops are still counted).
+std::unordered_map<in_addr_t, time_t> drop_warned_at;
+constexpr size_t kDropWarnedMax = 4096;
+constexpr time_t kDropWarnInterval = 60;
+
+bool drop_warning_due(in_addr_t src) {
+    const time_t now = monotonic_now();
+    auto it = drop_warned_at.find(src);
+    if (it != drop_warned_at.end()) {
+        if (now - it->second < kDropWarnInterval)
+            return false;
+        it->second = now;
+        return true;
+    }
+    if (drop_warned_at.size() >= kDropWarnedMax) {
+        std::erase_if(drop_warned_at,
+                      [&](const auto& e) { return now - e.second >= kDropWarnInterval; });
+        if (drop_warned_at.size() >= kDropWarnedMax)
+            return false;
+    }
+    drop_warned_at.emplace(src, now);
+    return true;
+}
+
+// Counts a datagram dropped before dispatch under reason, and warns with
+// why (at most once a minute per source address: a sender that keeps
+// trying would otherwise fill the log). Always 1, the drop's result.
+int drop_datagram(int reason, const struct sockaddr_in* from, const char* why) {
+    stats_drop_raise(reason);
+    if (drop_warning_due(from->sin_addr.s_addr)) {
+        char ipaddr[INET_ADDRSTRLEN] = "?";
+        ::inet_ntop(AF_INET, &from->sin_addr, ipaddr, sizeof ipaddr);
+        CV_WARN_AS(kLoop, "Dropped datagram from %s: %s (%s)", ipaddr, why,
+                   drop_reason_names[reason]);
+    }
+    return 1;
+}
+
+// The trailer's verdict as a drop reason, or -1 when the datagram goes on.
+int auth_drop_reason(AuthResult ar) {
+    switch (ar) {
+        case AuthResult::Verified:
+            return -1;
+        case AuthResult::Unsigned:
+            return auth_mode_in_force() == AuthMode::Require ? drop::NO_TRAILER : -1;
+        case AuthResult::UnknownKey:
+            return drop::UNKNOWN_KEY;
+        case AuthResult::BadTag:
+            return drop::BAD_TAG;
+        case AuthResult::Replay:
+            return drop::REPLAY;
+    }
+    return -1;
+}
+
+bool is_local_node(uint32_t uid) {
+    for (const auto& n : local_nodes)
+        if (n->nodeid == uid) return true;
+    return false;
+}
 
 // The datagram as a handler gets it: the header copied out, the whole
 // received length behind a bounded reader and the sender's dotted address
@@ -310,6 +382,21 @@ int receive_datagram(char* buf, size_t buflen, int so) {
 }
 
 int handle_datagram(const char* buf, size_t len, const struct sockaddr_in* from) {
+    // The trailer is checked before any other byte is looked at; what goes
+    // on is the datagram without it, exactly the bytes an unsigned sender
+    // would have sent.
+    unsigned key_id = 0;
+    const AuthResult ar = auth_verify(buf, len, std::time(nullptr), &len, &key_id);
+    if (const int reason = auth_drop_reason(ar); reason >= 0) {
+        char why[48];
+        if (reason == drop::UNKNOWN_KEY)
+            std::snprintf(why, sizeof why, "unknown key %u", key_id);
+        else
+            std::snprintf(why, sizeof why, "%s", reason == drop::NO_TRAILER ? "unsigned"
+                                                 : reason == drop::BAD_TAG  ? "tag mismatch"
+                                                                            : "replayed");
+        return drop_datagram(reason, from, why);
+    }
     // Only the received length counts: the buffer still holds the bytes of
     // earlier, longer datagrams behind it.
     const DatagramReader rd(buf, len);
@@ -325,6 +412,14 @@ int handle_datagram(const char* buf, size_t len, const struct sockaddr_in* from)
         return 1;
     }
     CV_DEBUG_AS(kLoop, "recvfrom(%s:%d): %zu", ipaddr, int{ntohs(from->sin_port)}, len);
+    // A host speaks for its own nodes alone, keys or not: whoever else
+    // names one of them is forging (or misconfigured), and its datagram
+    // would rewrite or remove this host's own records.
+    if (is_local_node(hdr.uid) && !own_address(from->sin_addr.s_addr)) {
+        char why[48];
+        std::snprintf(why, sizeof why, "claims local node %u", uint32_t{hdr.uid});
+        return drop_datagram(drop::FOREIGN_CLAIM, from, why);
+    }
     stats_rx_raise(counter::ALL);
     dispatch_datagram(Received{hdr, rd, ipaddr});
     return 0;

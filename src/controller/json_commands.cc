@@ -13,6 +13,7 @@
 #include "base/log.h"
 #include "controller/controller_internal.h"
 #include "controller/stats.h"
+#include "net/auth.h"
 #include "net/datagram.h"
 #include "store/json_store.h"
 
@@ -150,8 +151,10 @@ int send_json_ping(jsonEntry* jsonobj, const char* json, char* buf, size_t bufle
     // address of this process's memory is not put on the wire.
     jsonobj->json = 0;
 
-    DatagramWriter w(buf, buflen);
-    if (!put_header(&w, buf, buflen, node, type)) {
+    // The room of a signing daemon's trailer is kept free behind the text.
+    const size_t room = buflen - auth_trailer_room();
+    DatagramWriter w(buf, room);
+    if (!put_header(&w, buf, room, node, type)) {
         CV_ERROR("STORE JSON too big header can not send %zu", sizeof(Hdr));
         return -1;
     }
@@ -164,7 +167,7 @@ int send_json_ping(jsonEntry* jsonobj, const char* json, char* buf, size_t bufle
         CV_ERROR("STORE JSON too big json can not send %zu", len + JSON_TEXT_OFFSET);
         return -1;
     }
-    return xmit_msg(buf, w.length(), so, counter::ST_JSON);
+    return xmit_msg(buf, buflen, w.length(), so, counter::ST_JSON);
 }
 
 int send_pings_json(char* buf, size_t buflen, int so) {

@@ -25,6 +25,18 @@ inline constexpr int RX_COUNT = 9;
 inline constexpr int TX_COUNT = 8;
 }  // namespace counter
 
+// Datagrams dropped before dispatch, by reason. The names are those of the
+// statistics line and of the metrics' reason label.
+namespace drop {
+inline constexpr int NO_TRAILER = 0;     // unsigned, with auth_mode require
+inline constexpr int UNKNOWN_KEY = 1;    // signed under a key id not loaded
+inline constexpr int BAD_TAG = 2;        // signed, tag does not match
+inline constexpr int REPLAY = 3;         // sequence not rising, or timestamp outside the window
+inline constexpr int FOREIGN_CLAIM = 4;  // names a local node, from an address not this host's
+inline constexpr int COUNT = 5;
+}  // namespace drop
+extern const char* const drop_reason_names[drop::COUNT];
+
 // Signed 64-bit counters, as long long so that they print with %lld as they
 // are.
 static_assert(sizeof(long long) == 8);
@@ -32,6 +44,8 @@ extern long long stats_rx_long[counter::RX_COUNT];
 extern long long stats_rx_short[counter::RX_COUNT];
 extern long long stats_tx_long[counter::TX_COUNT];
 extern long long stats_tx_short[counter::TX_COUNT];
+extern long long stats_drop_long[drop::COUNT];
+extern long long stats_drop_short[drop::COUNT];
 
 // Raises the receive counter of index in both arrays.
 inline void stats_rx_raise(int index) {
@@ -46,6 +60,13 @@ inline void stats_tx_raise(int index) {
     assert(index >= 0 && index < counter::TX_COUNT);
     ++stats_tx_long[index];
     ++stats_tx_short[index];
+}
+
+// Raises the drop counter of reason in both arrays.
+inline void stats_drop_raise(int reason) {
+    assert(reason >= 0 && reason < drop::COUNT);
+    ++stats_drop_long[reason];
+    ++stats_drop_short[reason];
 }
 
 }  // namespace corvald

@@ -43,14 +43,16 @@ struct Receiver {
     }
     ~Receiver() { fence_check_timeout_ms = saved_timeout; }
 
-    // Hands bytes to handle_datagram from 127.0.0.<the header's node id>;
-    // what it changed in the store (see changes()).
-    Tree feed(const std::string& bytes) {
+    // Hands bytes to handle_datagram from src (host order), by default
+    // 127.0.0.<the header's node id>; what it changed in the store (see
+    // changes()).
+    Tree feed(const std::string& bytes, uint32_t src = 0) {
         const Tree before = snapshot(root);
         log.clear();
         sockaddr_in from = {};
         from.sin_family = AF_INET;
-        from.sin_addr.s_addr = htonl(0x7f000000 | uint8_t(bytes.size() > 4 ? bytes[4] : 0));
+        if (src == 0) src = 0x7f000000 | uint8_t(bytes.size() > 4 ? bytes[4] : 0);
+        from.sin_addr.s_addr = htonl(src);
         handle_datagram(bytes.data(), bytes.size(), &from);
         return changes(before, snapshot(root));
     }

@@ -37,6 +37,10 @@
 --   corvald.vdel.      node uuid
 --   corvald.json.      major minor nodeuuid path filename lastping jsonlen json
 --                      offset text (the JSON text)
+--   corvald.signed     (generated) whether the datagram ends in a trailer
+--   corvald.auth.      magic key_id seq timestamp tag: the trailer of a signed
+--                      datagram, the last 53 bytes (not checked here: the
+--                      dissector has no keys); the rest is dissected without it
 --
 -- Datagrams the daemon refuses or trims carry expert info with the text it
 -- logs for them ("Malformed packet? #2", "Malformed Node Ping?", ...).
@@ -157,7 +161,14 @@ local f_aux_zero = ProtoField.uint8("corvald.aux.zero", "zero byte (not read)")
 local f_gencnt = ProtoField.uint16("corvald.vdisk.membership_gen_count", "membership generation count")
 local f_snaptime = ProtoField.string("corvald.vdisk.snaptime", "snapshot time")
 local f_json_text = ProtoField.string("corvald.json.text", "JSON text")
-for _, pf in ipairs({ f_backupchannel, f_aux_zero, f_gencnt, f_snaptime, f_json_text }) do
+local f_signed = ProtoField.uint8("corvald.signed", "signed (1) or not (0)")
+local f_auth_magic = ProtoField.string("corvald.auth.magic", "magic")
+local f_auth_key = ProtoField.uint8("corvald.auth.key_id", "key id")
+local f_auth_seq = ProtoField.uint64("corvald.auth.seq", "sequence")
+local f_auth_time = ProtoField.absolute_time("corvald.auth.timestamp", "timestamp", base.UTC)
+local f_auth_tag = ProtoField.bytes("corvald.auth.tag", "HMAC-SHA-256 tag")
+for _, pf in ipairs({ f_backupchannel, f_aux_zero, f_gencnt, f_snaptime, f_json_text, f_signed,
+    f_auth_magic, f_auth_key, f_auth_seq, f_auth_time, f_auth_tag }) do
     table.insert(corvald.fields, pf)
 end
 
@@ -376,10 +387,29 @@ local handlers = {
     [DELETE_JSON] = dissect_json_ping,
 }
 
+-- The trailer of a signed datagram: magic "CVA1", key id, sequence and
+-- timestamp (little-endian), 32-byte tag; it follows at least a header.
+local AUTH_TRAILER_SIZE = 53
+
 function corvald.dissector(tvb, pinfo, tree)
+    local root = tree:add(corvald, tvb())
+    local signed = tvb:len() >= HDR_SIZE + AUTH_TRAILER_SIZE and
+        tvb(tvb:len() - AUTH_TRAILER_SIZE, 4):string() == "CVA1"
+    root:add(f_signed, tvb(0, 0), signed and 1 or 0):set_generated()
+    local auth = ""
+    if signed then
+        local at = tvb:len() - AUTH_TRAILER_SIZE
+        local t = root:add(corvald, tvb(at), "Trailer")
+        t:add(f_auth_magic, tvb(at, 4))
+        t:add(f_auth_key, tvb(at + 4, 1))
+        t:add_le(f_auth_seq, tvb(at + 5, 8))
+        t:add(f_auth_time, tvb(at + 13, 8), NSTime(tvb(at + 13, 8):le_int64():tonumber(), 0))
+        t:add(f_auth_tag, tvb(at + 21, 32))
+        auth = string.format(", signed by key %u", tvb(at + 4, 1):uint())
+        tvb = tvb(0, at):tvb()
+    end
     local len = tvb:len()
-    local d = { tvb = tvb, pinfo = pinfo, len = len, problems = {} }
-    d.root = tree:add(corvald, tvb())
+    local d = { tvb = tvb, pinfo = pinfo, len = len, problems = {}, root = root }
     local info
     if len < HDR_SIZE then
         problem(d, d.root, ex_malformed, "Malformed packet? #1")
@@ -402,10 +432,11 @@ function corvald.dissector(tvb, pinfo, tree)
         d.root:append_text(", " .. kind)
     end
     pinfo.cols.protocol = "CORVALD"
+    info = info .. auth
     for _, text in ipairs(d.problems) do info = info .. " [" .. text .. "]" end
     -- Texts from the wire may hold control characters; a column is one line.
     pinfo.cols.info = (info:gsub("%c", "."))
-    return len
+    return len + (signed and AUTH_TRAILER_SIZE or 0)
 end
 
 corvald.prefs.port = Pref.uint("UDP port", 8000, "UDP port of the cluster datagrams (bind_port)")
