@@ -30,7 +30,8 @@ int exit_status(int status) {
 
 }  // namespace
 
-int lock_run(const std::string& name, int timeout_s, const std::vector<std::string>& argv) {
+int lock_run(const std::string& name, int timeout_s, const std::vector<std::string>& argv,
+             int cwd) {
     if (name.empty() || name.size() > kLockNameMax || !uuid_is_safe(name.c_str(), name.size())) {
         std::cerr << "corvalctl: NAME must be a plain lock file name: " << escape(name) << "\n";
         return 1;
@@ -70,6 +71,8 @@ int lock_run(const std::string& name, int timeout_s, const std::vector<std::stri
     const pid_t child = ::fork();
     if (child == 0) {
         ::signal(SIGPIPE, SIG_DFL);
+        if (::fchdir(cwd) < 0)
+            ::_exit(127);
         ::sigprocmask(SIG_SETMASK, &old, nullptr);
         ::execvp(args[0], args.data());
         std::cerr << "corvalctl: " << escape(argv[0]) << ": " << std::strerror(errno) << "\n";

@@ -1,6 +1,7 @@
 // corvalctl: the operator's view of a corvald store and a client of its
 // control port. It reads the daemon's configuration file to find both,
 // never writes a record, and takes each record's path lock while it reads.
+#include <fcntl.h>
 #include <signal.h>
 #include <sys/stat.h>
 #include <syslog.h>
@@ -361,10 +362,12 @@ int main(int argc, char** argv) {
     if (name == "check")
         return ctl::check(limits, metrics, state_file);
     if (name == "lock" || name == "watch" || name == "wait") {
+        // The command runs where corvalctl was started, not in the store.
+        const int cwd = ::open(".", O_RDONLY | O_DIRECTORY | O_CLOEXEC);
         if (int rc = ctl::enter_store(); rc != 0)
             return rc;
         if (name == "lock")
-            return ctl::lock_run(lock_name, lock_timeout, lock_command);
+            return ctl::lock_run(lock_name, lock_timeout, lock_command, cwd);
         if (name == "watch")
             return ctl::watch(json);
         return ctl::wait_for(sub->get_subcommands().front()->get_name(), wait_args, timeout);

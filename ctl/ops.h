@@ -51,8 +51,10 @@ struct CheckLimits {
 int status(bool json, const std::string& config_path, const std::string& metrics_file);
 int check(const CheckLimits& l, const std::string& metrics_file, std::string state_file);
 
-// Runs argv holding the lock name, waiting up to timeout_s for it; the
-// command's exit status (128 + signal when it was killed).
-int lock_run(const std::string& name, int timeout_s, const std::vector<std::string>& argv);
+// Runs argv in the directory cwd holding the lock name, waiting up to
+// timeout_s for it; the command's exit status (128 + signal when it was
+// killed), 75 when the lock stayed held elsewhere, 2 when it failed.
+int lock_run(const std::string& name, int timeout_s, const std::vector<std::string>& argv,
+             int cwd);
 
 }  // namespace corvald::ctl

@@ -26,6 +26,7 @@
 #include "ops.h"
 #include "render.h"
 #include "store/json_store.h"
+#include "store/lock.h"
 #include "util/unique_fd.h"
 #include "view.h"
 
@@ -171,7 +172,8 @@ std::optional<int64_t> read_lastping(const std::string& id) {
     char* end;
     errno = 0;
     const long long v = std::strtoll(buf, &end, 10);
-    if (errno || end == buf || (*end != '\n' && *end != '\0'))
+    // Written in place: a text without its line feed is still being written.
+    if (errno || end == buf || *end != '\n')
         return std::nullopt;
     return v;
 }
@@ -198,7 +200,7 @@ std::vector<std::string> subdirs(const std::string& top) {
 }
 
 struct NodeSeen {
-    std::optional<int64_t> lastping;
+    int64_t lastping = 0;
     std::string state;
 };
 
@@ -210,62 +212,119 @@ struct DocSeen {
 
 struct Look {
     std::map<uint32_t, NodeSeen> nodes;
-    std::set<std::string> vdisks;
-    std::map<std::string, DocSeen> docs;  // by document, relative to the JSON tree
+    std::map<std::string, std::string> vdisks;  // uuid: every file and link of the record
+    std::map<std::string, DocSeen> docs;        // by document, relative to the JSON tree
+    bool retry = false;  // a record was locked: look again soon
 };
 
-std::string node_state(const std::optional<int64_t>& lastping, time_t now) {
-    return lastping ? liveness(now - *lastping, cfg_heartbeat_interval) : "unknown";
+std::string node_state(int64_t lastping, time_t now) {
+    return liveness(now - lastping, cfg_heartbeat_interval);
 }
 
-// The document file's metadata and text; false when either cannot be read
-// (being written, or not a document).
-bool read_document(const std::string& file, DocSeen* d) {
+// The document file's metadata and text, under the document's lock as the
+// daemon writes both; 1, 0 when there is no whole document, -1 locked.
+int read_document(const std::string& file, DocSeen* d) {
+    const LockName name = JsonLockName(file.c_str());
+    HeldLock lock;
+    if (!name.fits)
+        return 0;
+    if (const int rc = lock.take(name); rc < 0)
+        return rc == -1 ? -1 : 0;
     jsonEntry je = {};
     if (json_load_metadata(file.c_str(), &je) < 0)
-        return false;
+        return 0;
     std::string text(static_cast<size_t>(cfg_msg_buffer_size), '\0');
     const ssize_t n = json_read_document(file.c_str(), text.data(), text.size());
     if (n < 0)
-        return false;
+        return 0;
     text.resize(static_cast<size_t>(n));
     d->lastping = je.lastping;
     d->node = std::string(je.nodeuuid, strnlen(je.nodeuuid, sizeof je.nodeuuid));
     d->text = std::move(text);
-    return true;
+    return 1;
 }
 
-// The walk of the JSON tree has no way to pass state to its callback.
-Look* walking = nullptr;
+// The walks have no way to pass state to their callbacks.
+std::vector<std::string>* walked = nullptr;
 
-int doc_seen(const char* fpath, const struct stat*, int type, struct FTW*) {
-    const std::string p = fpath, tree = cfg_work_directory + "/v2/";
-    if (type != FTW_F || p.size() <= tree.size() + 4 || p.compare(p.size() - 4, 4, ".mtd") != 0)
-        return 0;
-    const std::string file = p.substr(0, p.size() - 4);
-    DocSeen d;
-    if (read_document(file, &d))
-        walking->docs[file.substr(tree.size())] = std::move(d);
+int walk_entry(const char* fpath, const struct stat*, int, struct FTW*) {
+    walked->push_back(fpath);
     return 0;
 }
 
-Look look_at_store(time_t now) {
+// Every path below dir (dir first), links not followed.
+std::vector<std::string> walk(const std::string& dir) {
+    std::vector<std::string> out;
+    walked = &out;
+    ::nftw(dir.c_str(), walk_entry, 16, FTW_PHYS);
+    walked = nullptr;
+    return out;
+}
+
+// What a VDisk record holds, every file's contents and link's target,
+// under its lock; false when locked.
+bool vdisk_contents(const std::string& uuid, std::string* out) {
+    HeldLock lock;
+    if (lock.take(VDiskLockName(uuid.c_str())) < 0)
+        return false;
+    out->clear();
+    for (const std::string& p : walk(cfg_work_directory + "/VDisk/" + uuid)) {
+        char buf[4096];
+        UniqueFd fd(::open(p.c_str(), O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC));
+        ssize_t n = fd ? ::read(fd.get(), buf, sizeof buf) : ::readlink(p.c_str(), buf, sizeof buf);
+        *out += p + "=" + std::string(buf, static_cast<size_t>(std::max<ssize_t>(n, 0))) + '\0';
+    }
+    return true;
+}
+
+// Whether a path below rel changed in the batch.
+bool touched_below(const std::set<std::string>& touched, const std::string& rel) {
+    auto t = touched.lower_bound(rel);
+    return t != touched.end() && t->rfind(rel, 0) == 0;
+}
+
+// The store now, read again only where the batch touched it: a record that
+// is being rewritten (a lastping read half-written, a record locked) keeps
+// what was seen before.
+Look look_at_store(const Look& was, const std::set<std::string>& touched, time_t now) {
     Look l;
     for (const std::string& id : subdirs("Node")) {
         if (!is_node_id(id))
             continue;
+        const uint32_t n = static_cast<uint32_t>(std::stoul(id));
         // A record being made has no lastping yet: it joins with its first.
-        NodeSeen n;
-        n.lastping = read_lastping(id);
-        if (!n.lastping)
-            continue;
-        n.state = node_state(n.lastping, now);
-        l.nodes[static_cast<uint32_t>(std::stoul(id))] = n;
+        if (const std::optional<int64_t> lastping = read_lastping(id))
+            l.nodes[n] = {*lastping, node_state(*lastping, now)};
+        else if (auto it = was.nodes.find(n); it != was.nodes.end())
+            l.nodes[n] = {it->second.lastping, node_state(it->second.lastping, now)};
     }
-    for (const std::string& uuid : subdirs("VDisk")) l.vdisks.insert(uuid);
-    walking = &l;
-    ::nftw((cfg_work_directory + "/v2").c_str(), doc_seen, 16, FTW_PHYS);
-    walking = nullptr;
+    for (const std::string& uuid : subdirs("VDisk")) {
+        auto it = was.vdisks.find(uuid);
+        std::string c;
+        if (it != was.vdisks.end() && !touched_below(touched, "VDisk/" + uuid + "/"))
+            l.vdisks[uuid] = it->second;
+        else if (vdisk_contents(uuid, &c))
+            l.vdisks[uuid] = c;
+        else if (l.retry = true; it != was.vdisks.end())
+            l.vdisks[uuid] = it->second;
+    }
+    const std::string tree = cfg_work_directory + "/v2/";
+    for (const std::string& p : walk(tree)) {
+        struct stat st;
+        if (p.size() <= tree.size() + 4 || p.compare(p.size() - 4, 4, ".mtd") != 0 ||
+            ::lstat(p.c_str(), &st) < 0 || !S_ISREG(st.st_mode))
+            continue;
+        const std::string file = p.substr(0, p.size() - 4), doc = file.substr(tree.size());
+        auto it = was.docs.find(doc);
+        DocSeen d;
+        int rc = 0;
+        if (it != was.docs.end() && !touched.count("v2/" + doc) && !touched.count("v2/" + doc + ".mtd"))
+            l.docs[doc] = it->second;
+        else if ((rc = read_document(file, &d)) > 0)
+            l.docs[doc] = std::move(d);
+        else if (l.retry |= rc < 0; it != was.docs.end())
+            l.docs[doc] = it->second;
+    }
     return l;
 }
 
@@ -273,10 +332,8 @@ Look look_at_store(time_t now) {
 time_t next_change(const Look& l, time_t now) {
     time_t next = -1;
     for (const auto& [id, n] : l.nodes) {
-        if (!n.lastping)
-            continue;
         for (int k : {2, 5}) {
-            const time_t at = *n.lastping + int64_t{k} * cfg_heartbeat_interval + 1;
+            const time_t at = n.lastping + int64_t{k} * cfg_heartbeat_interval + 1;
             if (at > now && (next < 0 || at < next))
                 next = at;
         }
@@ -307,8 +364,7 @@ J node_number(const std::string& node) {
 }
 
 // The events between two looks; touched are the store paths that changed.
-void report(bool json, const Look& was, const Look& is, const std::set<std::string>& touched,
-            time_t now) {
+void report(bool json, const Look& was, const Look& is, time_t now) {
     for (const auto& [id, n] : is.nodes) {
         auto it = was.nodes.find(id);
         const J state = {{"state", n.state}};
@@ -317,16 +373,15 @@ void report(bool json, const Look& was, const Look& is, const std::set<std::stri
         else if (it->second.state != n.state)
             print(json, now, "node", id, n.state == "alive" ? "back" : n.state, state);
     }
-    for (const std::string& v : is.vdisks)
+    for (const auto& [v, c] : is.vdisks)
         if (!was.vdisks.count(v))
             print(json, now, "vdisk", v, "created");
-    for (const std::string& v : was.vdisks) {
+    for (const auto& [v, c] : was.vdisks) {
         if (!is.vdisks.count(v)) {
             print(json, now, "vdisk", v, "removed");
             continue;
         }
-        auto t = touched.lower_bound("VDisk/" + v + "/");
-        if (t != touched.end() && t->rfind("VDisk/" + v + "/", 0) == 0)
+        if (is.vdisks.at(v) != was.vdisks.at(v))
             print(json, now, "vdisk", v, "changed");
     }
     for (const auto& [doc, d] : is.docs) {
@@ -353,18 +408,23 @@ int watch(bool json) {
         std::cerr << "corvalctl: " << why << "\n";
         return 2;
     }
-    Look was = look_at_store(std::time(nullptr));
+    Look was = look_at_store({}, {}, std::time(nullptr));
+    std::set<std::string> touched;
     for (;;) {
         const time_t next = next_change(was, std::time(nullptr));
-        const int64_t wait = next < 0 ? -1 : std::max<int64_t>(0, next * 1000 - now_ms(CLOCK_REALTIME));
-        std::set<std::string> touched;
+        int64_t wait = next < 0 ? -1 : std::max<int64_t>(0, next * 1000 - now_ms(CLOCK_REALTIME));
+        if (was.retry)
+            wait = wait < 0 ? kRetryMs : std::min(wait, kRetryMs);
+        // After a retry the same paths are looked at again.
+        if (!was.retry)
+            touched.clear();
         if (w.read(wait, &touched) < 0) {
             std::cerr << "corvalctl: watching the store: " << std::strerror(errno) << "\n";
             return 2;
         }
         const time_t now = std::time(nullptr);
-        Look is = look_at_store(now);
-        report(json, was, is, touched, now);
+        Look is = look_at_store(was, touched, now);
+        report(json, was, is, now);
         was = std::move(is);
     }
 }
@@ -376,7 +436,10 @@ int wait_for(const std::string& what, const std::vector<std::string>& args, int 
             return 1;
         }
         return wait_until(
-            [&] { return node_state(read_lastping(args[0]), std::time(nullptr)) == "alive"; },
+            [&] {
+                const std::optional<int64_t> lastping = read_lastping(args[0]);
+                return lastping && node_state(*lastping, std::time(nullptr)) == "alive" ? 1 : 0;
+            },
             timeout_s, "node " + args[0] + " is not alive");
     }
     if (what == "vdisk") {
@@ -389,7 +452,7 @@ int wait_for(const std::string& what, const std::vector<std::string>& args, int 
     }
     const std::string file = cfg_work_directory + "/v2/" + args[0] + args[1];
     DocSeen d;
-    return wait_until([&] { return read_document(file, &d) ? 1 : 0; }, timeout_s,
+    return wait_until([&] { return read_document(file, &d); }, timeout_s,
                       "no document " + args[0] + args[1]);
 }
 
@@ -399,7 +462,8 @@ int wait_json(const Command& c, int timeout_s) {
         return wait_until(
             [&] {
                 DocSeen d;
-                return read_document(file, &d) && d.text == c.args[3] ? 1 : 0;
+                const int rc = read_document(file, &d);
+                return rc <= 0 ? rc : d.text == c.args[3] ? 1 : 0;
             },
             timeout_s, "the store does not show " + c.args[1] + c.args[2] + " with this text");
     }
