@@ -44,6 +44,12 @@ int64_t now_ms(clockid_t clock) {
     return int64_t{ts.tv_sec} * 1000 + ts.tv_nsec / 1000000;
 }
 
+// Seconds of the same clock the waits are measured on: time(2) reads a
+// coarser one that may still show the second before a wait's end.
+time_t wall() {
+    return static_cast<time_t>(now_ms(CLOCK_REALTIME) / 1000);
+}
+
 // One inotify instance over the record trees of the store, every directory
 // below them included, and the store root for a tree that appears later.
 class StoreWatch {
@@ -345,8 +351,8 @@ void print(bool json, time_t now, const char* kind, J key, const std::string& ev
            J extra = J::object()) {
     if (json) {
         J line = {{"time", static_cast<int64_t>(now)}, {"kind", kind}};
-        line[kind == std::string("doc") ? "document" : kind == std::string("node") ? "id" : "uuid"] =
-            key;
+        const std::string k = kind;
+        line[k == "doc" ? "document" : k == "node" ? "id" : k == "vdisk" ? "uuid" : "store"] = key;
         line["event"] = event;
         line.update(extra);
         std::cout << line.dump(-1, ' ', false, J::error_handler_t::replace) << std::endl;
@@ -408,10 +414,13 @@ int watch(bool json) {
         std::cerr << "corvalctl: " << why << "\n";
         return 2;
     }
-    Look was = look_at_store({}, {}, std::time(nullptr));
+    Look was = look_at_store({}, {}, wall());
+    // Armed: what changes from here on is reported. A script that acts
+    // after starting a watch waits for this line.
+    print(json, wall(), "watch", cfg_work_directory, "started");
     std::set<std::string> touched;
     for (;;) {
-        const time_t next = next_change(was, std::time(nullptr));
+        const time_t next = next_change(was, wall());
         int64_t wait = next < 0 ? -1 : std::max<int64_t>(0, next * 1000 - now_ms(CLOCK_REALTIME));
         if (was.retry)
             wait = wait < 0 ? kRetryMs : std::min(wait, kRetryMs);
@@ -422,7 +431,7 @@ int watch(bool json) {
             std::cerr << "corvalctl: watching the store: " << std::strerror(errno) << "\n";
             return 2;
         }
-        const time_t now = std::time(nullptr);
+        const time_t now = wall();
         Look is = look_at_store(was, touched, now);
         report(json, was, is, now);
         was = std::move(is);
@@ -438,7 +447,7 @@ int wait_for(const std::string& what, const std::vector<std::string>& args, int 
         return wait_until(
             [&] {
                 const std::optional<int64_t> lastping = read_lastping(args[0]);
-                return lastping && node_state(*lastping, std::time(nullptr)) == "alive" ? 1 : 0;
+                return lastping && node_state(*lastping, wall()) == "alive" ? 1 : 0;
             },
             timeout_s, "node " + args[0] + " is not alive");
     }
