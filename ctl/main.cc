@@ -333,9 +333,6 @@ int main(int argc, char** argv) {
         // The text's limit needs the configuration; everything else does not.
         if (std::string why = ctl::check_command(cmd, 1 << 30); !why.empty())
             return usage_error(why);
-        if (name == "store-json")
-            if (std::string why = check_json_text(cmd.args.back()); !why.empty())
-                return usage_error(why);
     }
 
     opt_config = config.c_str();
@@ -376,6 +373,9 @@ int main(int argc, char** argv) {
         return list(name, uuid, json, filter);
     if (std::string why = ctl::check_command(cmd, cfg_msg_buffer_size); !why.empty())
         return usage_error(why);
+    if (name == "store-json")
+        if (std::string why = check_json_text(cmd.args.back()); !why.empty())
+            return usage_error(why);
     if (int rc = check_local(cmd.args[0]); rc != 0)
         return rc;
     // The store is entered before the line goes: a store that cannot be
