@@ -8,6 +8,7 @@
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <ctime>
 #include <nlohmann/json.hpp>
 #include <regex>
@@ -219,6 +220,79 @@ TEST(Ops, WatchSeesEveryKindOfEvent) {
     EXPECT_EQ(next("doc", "stored")["document"], "a/old.json");
     s.sh("rm v2/a/old.json.mtd v2/a/old.json");
     EXPECT_EQ(next("doc", "expired")["document"], "a/old.json");
+}
+
+// Refusals come before anything is sent (no daemon runs then: a line sent
+// would end in "cannot connect"); --wait returns once the store shows it.
+TEST(Ops, ControlCommandsRefuseAndWait) {
+    Running s;
+    const std::string conf = s.conf(), more = "\nRun with --help for more information.\n";
+    const struct {
+        std::vector<std::string> args;
+        std::string err;
+    } refused[] = {
+        {{"store-json", "1", "a/", "b.json", "{not json"},
+         "corvalctl: TEXT is not JSON: parse error at line 1, column 3: syntax error while parsing "
+         "object key - invalid literal; last read: '{no'; expected string literal" + more},
+        {{"ds-ping", "99"}, "corvalctl: node 99 is not local (not in " + s.dir / "local_nodes)\n"},
+        {{"delete-json", "01", "a/", "b.json", "[1]"},
+         "corvalctl: node 01 is not local (not in " + s.dir / "local_nodes)\n"},
+        {{"nodes", "--state", "gone"}, "corvalctl: --state: gone not in {alive,late,silent}" + more},
+    };
+    for (const auto& c : refused) {
+        std::vector<std::string> args = c.args;
+        args.insert(args.begin(), {"-C", conf});
+        const RunResult r = ctl(args);
+        EXPECT_EQ(r.status, 1);
+        EXPECT_EQ(r.err, c.err);
+        EXPECT_EQ(r.out, "");
+    }
+
+    Daemon d({"-d", "-C", conf}, s.dir);
+    ASSERT_TRUE(d.wait_for("Update Node 1 set datastoremember=ds01"));
+    std::string doc_lock = s.db() + "/v2/a/b.json";
+    std::replace(doc_lock.begin(), doc_lock.end(), '/', '|');
+    const std::vector<std::string> store = {CORVALCTL_BIN, "-C", conf, "store-json", "1",
+                                            "a/", "b.json", "[1]", "--wait", "--timeout", "1"};
+    std::vector<std::string> held = {"-C", conf, "lock", doc_lock, "--"};
+    held.insert(held.end(), store.begin(), store.end());
+    RunResult r = ctl(held);
+    EXPECT_EQ(r.status, 1);
+    EXPECT_EQ(r.err, "corvalctl: timed out after 1s: the store does not show a/b.json with this text\n");
+    r = ctl({store.begin() + 1, store.end()});
+    EXPECT_EQ(r.out + std::to_string(r.status), "sent: store_json|1|a/|b.json|[1]\n0");
+    EXPECT_EQ(look(s.db() + "/v2/a/b.json"), "[1]");
+    EXPECT_EQ(ctl({"-C", conf, "delete-json", "1", "a/", "b.json", "-", "--wait"}, "{}").status, 0);
+    EXPECT_EQ(look(s.db() + "/v2/a/b.json"), "<missing>");
+    EXPECT_EQ(ctl({"-C", conf, "wait", "node", "1"}).status, 0);
+    r = ctl({"-C", conf, "wait", "doc", "a/", "b.json", "--timeout", "1"});
+    EXPECT_EQ(r.status, 1);
+    EXPECT_EQ(r.err, "corvalctl: timed out after 1s: no document a/b.json\n");
+}
+
+TEST(Ops, ListingFilters) {
+    SeedStore s;
+    s.cfg.values["heartbeat_interval"] = "10";
+    const std::string conf = s.conf();
+    for (int n : {2, 3}) s.clone_node(n);
+    const time_t now = std::time(nullptr);
+    for (auto [node, age] : {std::pair{1, 5}, {2, 35}, {3, 500}})
+        s.write("Node/" + std::to_string(node) + "/lastping", std::to_string(now - age) + "\n");
+    s.write("VDisk/" + kPlain + "/membership", "1\n2\n");
+    s.sh("mkdir v2");
+    for (const char* node : {"3", "7"})
+        s.write(std::string("v2/") + node + ".mtd",
+                Golden(146).text(2, node).text(82, node).num(114, now, 8).b);
+    auto ids = [&](const std::vector<std::string>& args, const char* list, const char* key) {
+        std::vector<J> out;
+        const J doc = J::parse(ctl(args).out);
+        for (const J& e : doc[list]) out.push_back(e[key]);
+        return J(out);
+    };
+    EXPECT_EQ(ids({"-C", conf, "--json", "nodes", "--state", "late"}, "nodes", "id"), J({2}));
+    EXPECT_EQ(ids({"-C", conf, "--json", "nodes", "--state", "silent"}, "nodes", "id"), J({3}));
+    EXPECT_EQ(ids({"-C", conf, "--json", "vdisks", "--node", "2"}, "vdisks", "uuid"), J({kPlain}));
+    EXPECT_EQ(ids({"-C", conf, "--json", "docs", "--node", "7"}, "docs", "node"), J({7}));
 }
 
 }  // namespace
