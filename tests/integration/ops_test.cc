@@ -3,6 +3,7 @@
 // commands, and the listing filters.
 #include <fcntl.h>
 #include <poll.h>
+#include <sys/time.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -84,16 +85,24 @@ struct Running : SeedStore {
 TEST(Ops, CheckReturnsEachOfItsFourStatuses) {
     Running s;
     const std::string conf = s.conf(), metrics = s.dir / "metrics.prom";
+    // A pid file whose pid now belongs to a later process (this test's).
+    const std::string pid_file = s.dir.write("corvald.pid", std::to_string(::getpid()) + "\n");
+    const struct timeval long_ago[2] = {{1000000000, 0}, {1000000000, 0}};
+    ::utimes(pid_file.c_str(), long_ago);
+    const std::string down = "CORVALD CRITICAL - daemon not running: process " +
+                             std::to_string(::getpid()) + " of pid file " + pid_file + " is gone";
+    const std::string age = std::to_string(std::time(nullptr) - 1795000000);
     RunResult r = ctl({"-C", conf, "check"});
     EXPECT_EQ(r.status, 2);
-    EXPECT_EQ(first_line(r.out), "CORVALD CRITICAL - daemon not running: pid file " +
-                                     s.dir / "corvald.pid" +
-                                     ": No such file or directory; local node 1 last announced " +
-                                     std::to_string(std::time(nullptr) - 1795000000) +
-                                     "s ago | 'local_age'=" +
-                                     std::to_string(std::time(nullptr) - 1795000000) +
-                                     "s;7200;18000 'peers_late'=0;1; 'peers_silent'=0;1; "
-                                     "'peers_alive'=0;; 'dead_locks'=0;1;");
+    EXPECT_EQ(r.out, down + "; local node 1 last announced " + age + "s ago | 'local_age'=" + age +
+                         "s;7200;18000 'peers_late'=0;1; 'peers_silent'=0;1; "
+                         "'peers_alive'=0;; 'dead_locks'=0;1;\n");
+    // Down outranks a store that cannot be read.
+    s.cfg.values["work_directory"] = s.dir / "none";
+    const std::string nostore = s.cfg.write(s.dir, "nostore.conf");
+    r = ctl({"-C", nostore, "check"});
+    EXPECT_EQ(r.out + std::to_string(r.status),
+              down + "; store " + s.dir / "none" + ": No such file or directory | \n2");
 
     Daemon d({"-d", "-C", conf}, s.dir);
     ASSERT_TRUE(d.wait_for("Update Node 1 set datastoremember=ds01"));
@@ -127,8 +136,12 @@ TEST(Ops, CheckReturnsEachOfItsFourStatuses) {
     EXPECT_NE(r.out.find(" 'store_errors'=3c;1;\n"), std::string::npos) << r.out;
     EXPECT_EQ(s.dir.read("metrics.prom.check"), "5\n");
 
-    s.cfg.values["work_directory"] = s.dir / "none";
-    r = ctl({"-C", s.cfg.write(s.dir, "nostore.conf"), "check"});
+    s.write("Node/1/lastping", std::to_string(std::time(nullptr) - 8000) + "\n");
+    r = ctl({"-C", conf, "check", "--dead-locks-warn", "0"});
+    EXPECT_EQ(r.status, 1);
+    EXPECT_EQ(r.out.substr(0, 48), "CORVALD WARNING - local node 1 last announced 80");
+
+    r = ctl({"-C", nostore, "check"});
     EXPECT_EQ(r.status, 3);
     EXPECT_EQ(r.out, "CORVALD UNKNOWN - store " + s.dir / "none" +
                          ": No such file or directory | \n");
@@ -143,7 +156,7 @@ TEST(Ops, CheckReturnsEachOfItsFourStatuses) {
     const J st = J::parse(r.out);
     EXPECT_EQ(st["daemon"]["running"], true);
     EXPECT_EQ(st["daemon"]["pid"], d.child_pid());
-    EXPECT_EQ(st["local_nodes"][0]["state"], "alive");
+    EXPECT_EQ(st["local_nodes"][0]["state"], "late");
 }
 
 TEST(Ops, LockIsExclusiveAgainstTheDaemonAndGoneWithItsCommand) {
