@@ -349,6 +349,16 @@ int main(int argc, char** argv) {
     ctl::remember_settings();
     cfg_node_lock_timeout_ms = cfg_datastore_lock_timeout_ms = cfg_vdisk_lock_timeout_ms =
         cfg_path_lock_timeout_ms = ctl::kLockWaitMs;
+    // Files named on the command line are taken from the current directory;
+    // a relative metrics_file setting, like the daemon's, from the store.
+    for (std::string* f : {&metrics, &state_file}) {
+        if (f->empty() || f->front() == '/' || *f == "\x01")
+            continue;
+        if (char* here = ::getcwd(nullptr, 0)) {
+            *f = std::string(here) + "/" + *f;
+            std::free(here);
+        }
+    }
     if (metrics == "\x01")
         metrics = ctl::setting("metrics_file");
 
