@@ -243,11 +243,13 @@ int main(int argc, char** argv) {
 
     // status and check: where the metrics file is (the daemon's setting
     // unless given) and where check keeps the last store-error count.
-    std::string metrics = "\x01", state_file;
+    std::string metrics, state_file;
+    bool metrics_given = false;
     CLI::App* status = app.add_subcommand("status", "the daemon, its nodes, peers, locks, metrics");
     CLI::App* check = app.add_subcommand("check", "a health check for monitoring systems");
     for (CLI::App* s : {status, check})
-        s->add_option("--metrics-file", metrics, "the daemon's metrics file");
+        s->add_option("--metrics-file", metrics, "the daemon's metrics file")
+            ->each([&](const std::string&) { metrics_given = true; });
     ctl::CheckLimits limits;
     check->add_option("--state-file", state_file, "the last store-error count (<metrics>.check)");
     check->add_option("--local-warn", limits.local_warn,
@@ -352,14 +354,14 @@ int main(int argc, char** argv) {
     // Files named on the command line are taken from the current directory;
     // a relative metrics_file setting, like the daemon's, from the store.
     for (std::string* f : {&metrics, &state_file}) {
-        if (f->empty() || f->front() == '/' || *f == "\x01")
+        if (f->empty() || f->front() == '/')
             continue;
         if (char* here = ::getcwd(nullptr, 0)) {
             *f = std::string(here) + "/" + *f;
             std::free(here);
         }
     }
-    if (metrics == "\x01")
+    if (!metrics_given)
         metrics = ctl::setting("metrics_file");
 
     if (name == "locks")
