@@ -92,13 +92,30 @@ J error_field(const std::string& e) {
     return e.empty() ? J(nullptr) : J(e);
 }
 
-// A record that failed keeps its keys and its error; the rest is null.
+// A node id as a number; null for a name that is none (its error says so).
+J node_id(const std::string& id) {
+    if (id.empty() || id.size() > 10 || id[0] == '0' ||
+        id.find_first_not_of("0123456789") != std::string::npos || std::stoull(id) > UINT32_MAX)
+        return nullptr;
+    return std::stoul(id);
+}
+
+// The last column of a table in one word, the details left to "error".
+std::string state_word(const std::string& error, const std::string& ok = "ok") {
+    return error.empty() ? ok : error == "locked" ? error : "error";
+}
+
+// A record that failed keeps its keys, its error and its state in a word
+// ("locked" or "error"); the rest is null. One that did not keeps its own
+// state, or "ok".
 J finish(J obj, const std::string& error, std::initializer_list<const char*> keys) {
+    const std::string ok = obj.contains("state") ? obj["state"].get<std::string>() : "ok";
     if (!error.empty())
         for (auto it = obj.begin(); it != obj.end(); ++it)
             if (std::find(keys.begin(), keys.end(), it.key()) == keys.end())
                 *it = nullptr;
     obj["error"] = error_field(error);
+    obj["state"] = state_word(error, ok);
     return obj;
 }
 
@@ -184,7 +201,7 @@ std::string fmt_age(int64_t seconds) {
 std::string nodes_json(const std::vector<NodeView>& v) {
     J list = J::array();
     for (const NodeView& n : v)
-        list.push_back(finish(J{{"id", n.id},
+        list.push_back(finish(J{{"id", node_id(n.id)},
                                 {"local", n.local},
                                 {"ipaddr", n.ipaddr.empty() ? J(nullptr) : J(n.ipaddr)},
                                 {"version", n.version},
@@ -193,21 +210,27 @@ std::string nodes_json(const std::vector<NodeView>& v) {
                                 {"lastping", opt(n.lastping)},
                                 {"age", opt(n.age)},
                                 {"state", n.state}},
-                              n.error, {"id", "local"}));
+                              // The JSON id is a number: a name that is none is
+                              // kept in the error.
+                              node_id(n.id).is_null() ? n.error + ": " + n.id : n.error,
+                              {"id", "local"}));
     return dump("nodes", std::move(list));
 }
 
 std::string datastores_json(const std::vector<DatastoreView>& v) {
     J list = J::array();
-    for (const DatastoreView& d : v)
+    for (const DatastoreView& d : v) {
+        J members = J::array();
+        for (const std::string& m : d.members) members.push_back(node_id(m));
         list.push_back(finish(J{{"uuid", d.uuid},
                                 {"name", d.name},
                                 {"sector_size", d.sector_size},
                                 {"replicas", d.replicas},
                                 {"stripes", d.stripes},
-                                {"members", d.members},
+                                {"members", members},
                                 {"vdisks", d.vdisks}},
                               d.error, {"uuid"}));
+    }
     return dump("datastores", std::move(list));
 }
 
@@ -222,7 +245,7 @@ std::string docs_json(const std::vector<DocView>& v) {
     for (const DocView& d : v)
         list.push_back(finish(J{{"document", d.document},
                                 {"local", d.local},
-                                {"node", d.node},
+                                {"node", node_id(d.node)},
                                 {"path", d.path},
                                 {"filename", d.filename},
                                 {"lastping", opt(d.lastping)},

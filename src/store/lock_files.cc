@@ -44,10 +44,7 @@ bool pid_alive(pid_t pid) {
     return pid > 0 && (::kill(pid, 0) == 0 || errno == EPERM);
 }
 
-namespace {
-
-// When process pid started, in seconds since the epoch; 0 when /proc does not
-// say. Field 22 of /proc/<pid>/stat counts clock ticks since boot; the
+// Field 22 of /proc/<pid>/stat counts clock ticks since boot; the
 // command name before it (in parentheses) may hold blanks, so fields are
 // counted from its closing parenthesis.
 time_t process_start(pid_t pid) {
@@ -74,8 +71,6 @@ time_t process_start(pid_t pid) {
         return 0;
     return boot + static_cast<time_t>(ticks / static_cast<unsigned long long>(::sysconf(_SC_CLK_TCK)));
 }
-
-}  // namespace
 
 bool holder_alive(pid_t pid, time_t taken) {
     if (!pid_alive(pid))

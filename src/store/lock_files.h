@@ -22,6 +22,9 @@ struct LockFileInfo {
 
 // Whether a process with this pid exists (for kill(2), EPERM means it does).
 bool pid_alive(pid_t pid);
+// When process pid started, in seconds since the epoch; 0 when /proc does
+// not say.
+time_t process_start(pid_t pid);
 // Whether the lock taken at `taken` by pid is still held by a live process:
 // pid exists and started before the lock was taken (a later process only
 // reuses the number).

@@ -83,13 +83,13 @@ TEST(Ctl, ListingsShowEveryRecordAndFollowNoLinkOutOfTheStore) {
         return r.out;
     };
     EXPECT_TRUE(shows(list({"-C", conf, "--json", "nodes"}), R"({"nodes":[
-{"id":"1","local":true,"ipaddr":"127.0.0.1","version":"v1.8","datastore":"ds01","vdisks":2,"lastping":<l5>,"age":<a5>,"state":"alive","error":null},
-{"id":"2","local":false,"ipaddr":"127.0.0.1","version":"v1.8","datastore":"ds01","vdisks":2,"lastping":<l35>,"age":<a35>,"state":"late","error":null},
-{"id":"3","local":false,"ipaddr":"127.0.0.1","version":"v1.8","datastore":null,"vdisks":2,"lastping":<l500>,"age":<a500>,"state":"silent","error":null},
-{"id":"4","local":false,"ipaddr":null,"version":null,"datastore":null,"vdisks":null,"lastping":null,"age":null,"state":null,"error":"locked"},
-{"id":"5","local":false,"ipaddr":null,"version":null,"datastore":null,"vdisks":null,"lastping":null,"age":null,"state":null,"error":"Failed to load <db>/Node/5/freespace: 0"},
-{"id":"6","local":false,"ipaddr":null,"version":null,"datastore":null,"vdisks":null,"lastping":null,"age":null,"state":null,"error":"<db>/Node/6: not a directory, not followed"},
-{"id":"07","local":false,"ipaddr":null,"version":null,"datastore":null,"vdisks":null,"lastping":null,"age":null,"state":null,"error":"malformed node id"}]})",
+{"id":1,"local":true,"ipaddr":"127.0.0.1","version":"v1.8","datastore":"ds01","vdisks":2,"lastping":<l5>,"age":<a5>,"state":"alive","error":null},
+{"id":2,"local":false,"ipaddr":"127.0.0.1","version":"v1.8","datastore":"ds01","vdisks":2,"lastping":<l35>,"age":<a35>,"state":"late","error":null},
+{"id":3,"local":false,"ipaddr":"127.0.0.1","version":"v1.8","datastore":null,"vdisks":2,"lastping":<l500>,"age":<a500>,"state":"silent","error":null},
+{"id":4,"local":false,"ipaddr":null,"version":null,"datastore":null,"vdisks":null,"lastping":null,"age":null,"state":"locked","error":"locked"},
+{"id":5,"local":false,"ipaddr":null,"version":null,"datastore":null,"vdisks":null,"lastping":null,"age":null,"state":"error","error":"Failed to load <db>/Node/5/freespace: 0"},
+{"id":6,"local":false,"ipaddr":null,"version":null,"datastore":null,"vdisks":null,"lastping":null,"age":null,"state":"error","error":"<db>/Node/6: not a directory, not followed"},
+{"id":null,"local":false,"ipaddr":null,"version":null,"datastore":null,"vdisks":null,"lastping":null,"age":null,"state":"error","error":"malformed node id: 07"}]})",
                       db, base));
     EXPECT_TRUE(shows(list({"nodes", "-C", conf}),
                       R"(ID  LOCAL  ADDRESS    VERSION  DATASTORE  VDISKS  LASTPING  STATE
@@ -104,37 +104,37 @@ TEST(Ctl, ListingsShowEveryRecordAndFollowNoLinkOutOfTheStore) {
                       db, base, false));
 
     EXPECT_TRUE(shows(list({"-C", conf, "--json", "datastores"}), R"({"datastores":[
-{"uuid":"ds01","name":"n\u0007\ufffd\u001b[0m","sector_size":512,"replicas":1,"stripes":1,"members":["1"],"vdisks":2,"error":null},
-{"uuid":"ds02","name":null,"sector_size":null,"replicas":null,"stripes":null,"members":null,"vdisks":null,"error":"<db>/Datastore/ds02/stripes: link, not followed"}]})",
+{"uuid":"ds01","name":"n\u0007\ufffd\u001b[0m","sector_size":512,"replicas":1,"stripes":1,"members":[1],"vdisks":2,"error":null,"state":"ok"},
+{"uuid":"ds02","name":null,"sector_size":null,"replicas":null,"stripes":null,"members":null,"vdisks":null,"error":"<db>/Datastore/ds02/stripes: link, not followed","state":"error"}]})",
                       db, base));
     EXPECT_NE(list({"-C", conf, "datastores"}).find(R"(  n\x07\xff\x1b[0m  )"), std::string::npos);
 
     const std::string plain =
         R"({"uuid":"5f3a9c0e1b2d47","name":"demo disk","size":1073741824,"sectors":2097152,"sector_size":512,"replicas":1,"snapshot":false,"parent":null,"snaptime":null,"description":"the demo's plain disk","highest_gen_count":1,"members":[
-{"node":1,"gen_count":1,"status":1,"frontends":["127.0.0.1"],"error":null},
-{"node":2,"gen_count":305,"status":7,"frontends":["127.0.0.1"],"error":null}],"error":null})";
+{"node":1,"gen_count":1,"status":1,"frontends":["127.0.0.1"],"error":null,"state":"ok"},
+{"node":2,"gen_count":305,"status":7,"frontends":["127.0.0.1"],"error":null,"state":"ok"}],"error":null,"state":"ok"})";
     EXPECT_TRUE(shows(list({"-C", conf, "--json", "vdisks"}),
                       R"({"vdisks":[
 {"uuid":"0c71e2aa9f3b10","name":"demo disk snap","size":1073741824,"sectors":2097152,"sector_size":512,"replicas":1,"snapshot":true,"parent":"5f3a9c0e1b2d47","snaptime":"26-11-23_09.30.00","description":null,"highest_gen_count":1,"members":[
-{"node":1,"gen_count":1,"status":1,"frontends":["127.0.0.1"],"error":null},
-{"node":9,"gen_count":null,"status":null,"frontends":null,"error":"<db>/VDisk/0c71e2aa9f3b10/memberinfo/9: No such file or directory"}],"error":null},)" +
+{"node":1,"gen_count":1,"status":1,"frontends":["127.0.0.1"],"error":null,"state":"ok"},
+{"node":9,"gen_count":null,"status":null,"frontends":null,"error":"<db>/VDisk/0c71e2aa9f3b10/memberinfo/9: No such file or directory","state":"error"}],"error":null,"state":"ok"},)" +
                           plain + R"(,
-{"uuid":"bad","name":null,"size":null,"sectors":null,"sector_size":null,"replicas":null,"snapshot":null,"parent":null,"snaptime":null,"description":null,"highest_gen_count":null,"members":null,"error":"Failed to load <db>/VDisk/bad/sectors: 0"}]})",
+{"uuid":"bad","name":null,"size":null,"sectors":null,"sector_size":null,"replicas":null,"snapshot":null,"parent":null,"snaptime":null,"description":null,"highest_gen_count":null,"members":null,"error":"Failed to load <db>/VDisk/bad/sectors: 0","state":"error"}]})",
                       db, base));
     EXPECT_TRUE(shows(list({"-C", conf, "vdisks", "5f3a9c0e1b2d47", "--json"}),
                       R"({"vdisks":[)" + plain + "]}", db, base));
 
     EXPECT_TRUE(shows(list({"-C", conf, "--json", "docs"}), R"({"docs":[
-{"document":"apps/cfg.json","local":true,"node":"1","path":"apps/","filename":"cfg.json","lastping":<l12>,"age":<a12>,"expires_in":<e38>,"error":null},
-{"document":"evil","local":false,"node":null,"path":null,"filename":null,"lastping":null,"age":null,"expires_in":null,"error":"<db>/v2/evil.mtd: link, not followed"},
-{"document":"peer.json","local":false,"node":"7","path":"","filename":"peer.json","lastping":<l100>,"age":<a100>,"expires_in":<e-50>,"error":null},
-{"document":"short","local":false,"node":null,"path":null,"filename":null,"lastping":null,"age":null,"expires_in":null,"error":"Failed to load metadata with file <db>/v2/short.mtd"}]})",
+{"document":"apps/cfg.json","local":true,"node":1,"path":"apps/","filename":"cfg.json","lastping":<l12>,"age":<a12>,"expires_in":<e38>,"error":null,"state":"ok"},
+{"document":"evil","local":false,"node":null,"path":null,"filename":null,"lastping":null,"age":null,"expires_in":null,"error":"<db>/v2/evil.mtd: link, not followed","state":"error"},
+{"document":"peer.json","local":false,"node":7,"path":"","filename":"peer.json","lastping":<l100>,"age":<a100>,"expires_in":<e-50>,"error":null,"state":"ok"},
+{"document":"short","local":false,"node":null,"path":null,"filename":null,"lastping":null,"age":null,"expires_in":null,"error":"Failed to load metadata with file <db>/v2/short.mtd","state":"error"}]})",
                       db, base));
     EXPECT_EQ(look(db + "/locks/NODE-4"), "1\n");  // corvalctl released all its own locks
     EXPECT_EQ(std::system(("test $(ls " + db + "/locks | wc -l) = 1").c_str()), 0);
 }
 
-// Every refusal ends with one line and the usage (status 1) before anything
+// Every refusal ends with one line and a pointer to the help (status 1) before anything
 // is connected; an unreachable store or port or a missing file is status 2.
 TEST(Ctl, UsageAndReachErrors) {
     SeedStore s;
@@ -174,7 +174,7 @@ TEST(Ctl, UsageAndReachErrors) {
         {{"nodes", "-C", nostore},
          2,
          cv + "store " + s.dir / "none" + ": No such file or directory"},
-        {{"ds-ping", "7"}, 2, cv + "cannot connect to 127.0.0.1:" + port + ": Connection refused"},
+        {{"ds-ping", "1"}, 2, cv + "cannot connect to 127.0.0.1:" + port + ": Connection refused"},
         {{"nodes", "-C", s.dir / "no.conf"},
          2,
          "error: config_load(): fopen(" + s.dir / "no.conf" + "): No such file or directory"},
@@ -186,7 +186,9 @@ TEST(Ctl, UsageAndReachErrors) {
         RunResult r = ctl(args, c.in);
         EXPECT_EQ(r.status, c.status) << c.first_line;
         EXPECT_EQ(r.err.substr(0, r.err.find('\n')), c.first_line);
-        EXPECT_EQ(r.err.find("Usage: corvalctl") != std::string::npos, c.status == 1) << r.err;
+        EXPECT_EQ(r.err.find("\nRun with --help for more information.\n") != std::string::npos,
+                  c.status == 1)
+            << r.err;
         EXPECT_EQ(r.out, "");
     }
 }
