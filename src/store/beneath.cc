@@ -124,7 +124,8 @@ int open_beneath(std::string_view rel, int flags, mode_t mode) {
 // The parent directory of path (confined) and its last component, for the
 // *at system calls.
 struct Parent {
-    UniqueFd fd;
+    UniqueFd own;  // the parent's descriptor when it is not the root's
+    int fd = -1;
     std::string name;
 };
 
@@ -143,8 +144,15 @@ bool open_parent(const char* path, Parent* p) {
         return false;
     }
     const std::string_view dir = slash == std::string_view::npos ? "" : rel.substr(0, slash);
-    p->fd.reset(open_beneath(dir, O_PATH | O_DIRECTORY | O_CLOEXEC, 0));
-    return static_cast<bool>(p->fd);
+    // Names directly under the root (the record kinds' top directories) use
+    // the root's own descriptor: the lookup would only find it again.
+    if (dir.empty()) {
+        p->fd = root_fd();
+        return p->fd >= 0;
+    }
+    p->own.reset(open_beneath(dir, O_PATH | O_DIRECTORY | O_CLOEXEC, 0));
+    p->fd = p->own.get();
+    return static_cast<bool>(p->own);
 }
 
 }  // namespace
@@ -220,27 +228,27 @@ int store_fd_openat(int dirfd, const char* name, int flags, mode_t mode, struct 
 
 int store_mkdir(const char* path, mode_t mode) {
     Parent p;
-    return open_parent(path, &p) ? ::mkdirat(p.fd.get(), p.name.c_str(), mode) : -1;
+    return open_parent(path, &p) ? ::mkdirat(p.fd, p.name.c_str(), mode) : -1;
 }
 
 int store_symlink(const char* target, const char* path) {
     Parent p;
-    return open_parent(path, &p) ? ::symlinkat(target, p.fd.get(), p.name.c_str()) : -1;
+    return open_parent(path, &p) ? ::symlinkat(target, p.fd, p.name.c_str()) : -1;
 }
 
 int store_unlink(const char* path) {
     Parent p;
-    return open_parent(path, &p) ? ::unlinkat(p.fd.get(), p.name.c_str(), 0) : -1;
+    return open_parent(path, &p) ? ::unlinkat(p.fd, p.name.c_str(), 0) : -1;
 }
 
 int store_rmdir(const char* path) {
     Parent p;
-    return open_parent(path, &p) ? ::unlinkat(p.fd.get(), p.name.c_str(), AT_REMOVEDIR) : -1;
+    return open_parent(path, &p) ? ::unlinkat(p.fd, p.name.c_str(), AT_REMOVEDIR) : -1;
 }
 
 ssize_t store_readlink(const char* path, char* buf, size_t len) {
     Parent p;
-    return open_parent(path, &p) ? ::readlinkat(p.fd.get(), p.name.c_str(), buf, len) : -1;
+    return open_parent(path, &p) ? ::readlinkat(p.fd, p.name.c_str(), buf, len) : -1;
 }
 
 int store_lstat(const char* path, struct stat* st) {
@@ -248,7 +256,7 @@ int store_lstat(const char* path, struct stat* st) {
     if (below_root(path, &rel) && rel.empty())
         return ::fstat(root_fd(), st);
     Parent p;
-    return open_parent(path, &p) ? ::fstatat(p.fd.get(), p.name.c_str(), st, AT_SYMLINK_NOFOLLOW)
+    return open_parent(path, &p) ? ::fstatat(p.fd, p.name.c_str(), st, AT_SYMLINK_NOFOLLOW)
                                  : -1;
 }
 
@@ -265,7 +273,7 @@ int store_rename(const char* from, const char* to) {
     Parent a, b;
     if (!open_parent(from, &a) || !open_parent(to, &b))
         return -1;
-    return ::renameat(a.fd.get(), a.name.c_str(), b.fd.get(), b.name.c_str());
+    return ::renameat(a.fd, a.name.c_str(), b.fd, b.name.c_str());
 }
 
 }  // namespace corvald
