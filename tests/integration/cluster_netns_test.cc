@@ -171,9 +171,10 @@ TEST(ClusterHosts, RolloutAndRotationLoseNoHeartbeatAndForgeriesChangeNothing) {
     // Announced once at the start, then only heartbeats: a forged change
     // would stay. The forger hears a signed datagram of node 1, sends it back
     // unchanged, with one bit flipped and under the retired key's id, then an
-    // unsigned PING and VDISK_DELETED naming node 1, to every host. Host 1
-    // never hears its own datagrams: there the replay passes the sequence
-    // check and is refused as a claim of its node from another address.
+    // unsigned PING, VDISK_DELETED, STORE_JSON and DELETE_JSON naming node 1,
+    // to every host. Host 1 never hears its own datagrams: there the replay
+    // passes the sequence check and is refused as a claim of its node from
+    // another address.
     for (int i = 0; i < 3; ++i) start(i, "require", "3600");
     beat(), beat();  // a PING's node record is written before its VDisks
     auto tree = [&](int i) {  // no lock files: they come and go with the heartbeats
@@ -196,13 +197,15 @@ TEST(ClusterHosts, RolloutAndRotationLoseNoHeartbeatAndForgeriesChangeNothing) {
         for (int i = 0; i < 3; ++i) {
             sa.sin_addr.s_addr = inet_addr(c.addr[i].c_str());
             for (const std::string& d : {heard, flipped, retired, header(4, 1).demo_node().b,
-                                         header(34, 1).demo_node().vdisk_deleted(1, kPlain).b})
+                                         header(34, 1).demo_node().vdisk_deleted(1, kPlain).b,
+                                         header(36, 1).b + json_entry("1", "", "f.json", "{}"),
+                                         header(37, 1).b + json_entry("1", "", "f.json", "")})
                 ASSERT_EQ(::sendto(so.get(), d.data(), d.size(), 0, (sockaddr*)&sa, sizeof sa), ssize_t(d.size()));
         }
     }));
     for (int i = 0; i < 3; ++i) {
         // The first report after all of them: nothing new since the last one.
-        EXPECT_TRUE(c.daemon[i]->wait_for(std::string("DROP: no_trailer=0/2 unknown_key=0/1 bad_tag=0/1 ") +
+        EXPECT_TRUE(c.daemon[i]->wait_for(std::string("DROP: no_trailer=0/4 unknown_key=0/1 bad_tag=0/1 ") +
                                           (i ? "replay=0/1 foreign_claim=0/0" : "replay=0/0 foreign_claim=0/1")));
         EXPECT_EQ(show(changes(before[i], tree(i))), "") << i;
         // One warning a minute per source: the first drop's.

@@ -23,17 +23,6 @@ namespace {
 
 using Files = std::map<std::string, std::string>;
 
-// A jsonEntry (146 bytes) as a node at version 1.8 (node 1 of the seed)
-// fills it, then offset filler bytes and the text: what a JSON ping carries
-// after its header. Its first 146 bytes with lastping cleared are the
-// document's metadata file.
-std::string entry(const std::string& node, const std::string& path, const std::string& file,
-                  const std::string& text, uint64_t offset = 0) {
-    Golden g(146);
-    g.num(0, 1, 1).num(1, 8, 1).text(2, node).text(18, path).text(82, file);
-    return g.num(122, text.size(), 8).num(138, offset, 8).b + std::string(offset, '~') + text;
-}
-
 // A datagram as the tests compare it: its type, the header's node id and
 // everything after the header, with the entry's lastping cleared; sent()
 // is one from node 1, the seed's.
@@ -101,8 +90,8 @@ TEST(Json, CommandsAndDatagramsStoreListAndDelete) {
                       doc = h.v2("peer/d.json"), hdr = header(36, 7).b, pipe = "{\"a\":\"b|c\"}",
                       parse = "error: json_cmd_handler(): STORE JSON failed to parse parameters",
                       malformed = "error: controller_thread_loop(): Malformed JSON ping ";
-    const std::string e = entry("1", "apps/", "cfg.json", pipe), e99 = entry("99", "", "n", "[9]"),
-                      d = entry("7", "peer/", "d.json", "[5]", 2);
+    const std::string e = json_entry("1", "apps/", "cfg.json", pipe), e99 = json_entry("99", "", "n", "[9]"),
+                      d = json_entry("7", "peer/", "d.json", "[5]", 2);
     // Each thing handed in, the error lines it logs, the datagram it sends
     // (a datagram too many shifts every later one) and the files it leaves.
     // clang-format off
@@ -119,15 +108,15 @@ TEST(Json, CommandsAndDatagramsStoreListAndDelete) {
          {"error: copyParam(): Too big parameter max size 16",
           "error: parse_json_params(): Failed to handle uuid param CTRL store_json", parse}},
         {"store_json|99||n|[9]\n", {}, sent(36, e99), {{h.v2("n.mtd"), e99.substr(0, 146)}}},
-        {"delete_json|1|apps/|cfg.json|x\n", {}, sent(37, entry("1", "apps/", "cfg.json", "x")),
+        {"delete_json|1|apps/|cfg.json|x\n", {}, sent(37, json_entry("1", "apps/", "cfg.json", "x")),
          {{cfg, "<missing>"}, {cfg + ".mtd", "<missing>"}, {idx, h.v2("n") + "\n"}}},
         {hdr + d, {}, "",
          {{doc, "[5]"}, {doc + ".mtd", d.substr(0, 146)}, {idx, h.v2("n") + "\n"}}},
-        {header(37, 7).b + entry("7", "peer/", "d.json", "x"), {}, "",
+        {header(37, 7).b + json_entry("7", "peer/", "d.json", "x"), {}, "",
          {{doc, "<missing>"}, {doc + ".mtd", "<missing>"}}},
-        {(hdr + entry("7", "", "h.json", "")).substr(0, 352), {malformed + "header"}, "",
+        {(hdr + json_entry("7", "", "h.json", "")).substr(0, 352), {malformed + "header"}, "",
          {{h.v2("h.json"), "<missing>"}}},
-        {(hdr + entry("7", "", "e.json", "[1]", 100)).substr(0, 356),
+        {(hdr + json_entry("7", "", "e.json", "[1]", 100)).substr(0, 356),
          {malformed + "empty payload"}, "", {{h.v2("e.json"), "<missing>"}}},
     };
     // clang-format on
@@ -148,10 +137,10 @@ TEST(Json, ListedDocumentsReannouncedAndOldOnesSwept) {
     Host h("1");
     const std::string live = h.v2("apps/live.json"), old = h.v2("peer/old.json");
     ASSERT_TRUE(h.in("store_json|1|apps/|live.json|[1]\n").empty() && h.sink.next());
-    ASSERT_TRUE(h.in(header(36, 7).b + entry("7", "peer/", "old.json", "[2]")).empty());
+    ASSERT_TRUE(h.in(header(36, 7).b + json_entry("7", "peer/", "old.json", "[2]")).empty());
     const time_t t = std::time(nullptr) - 100;
     ASSERT_EQ(::pwrite(UniqueFd(::open((old + ".mtd").c_str(), O_WRONLY)).get(), &t, 8, 114), 8);
-    EXPECT_EQ(seen(h.sink.next(40s)), sent(36, entry("1", "apps/", "live.json", "[1]")));
+    EXPECT_EQ(seen(h.sink.next(40s)), sent(36, json_entry("1", "apps/", "live.json", "[1]")));
     for (const char* f : {"old.json", "live.json"})
         EXPECT_TRUE(h.d->wait_for(std::string("Delete local files ") + f + " due to timeout", 40s));
     h.in(header(5, 1).b);  // the sweep has ended

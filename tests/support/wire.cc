@@ -73,4 +73,11 @@ Golden& Golden::vdisk_deleted(uint32_t node, const std::string& uuid) {
     return num(off, node, 4).text(off + 4, uuid);
 }
 
+std::string json_entry(const std::string& node, const std::string& path, const std::string& file,
+                       const std::string& text, uint64_t offset) {
+    Golden g(146);
+    g.num(0, 1, 1).num(1, 8, 1).text(2, node).text(18, path).text(82, file);
+    return g.num(122, text.size(), 8).num(138, offset, 8).b + std::string(offset, '~') + text;
+}
+
 }  // namespace corvald::test

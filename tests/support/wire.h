@@ -49,6 +49,13 @@ struct Golden {
     Golden& vdisk_deleted(uint32_t node, const std::string& uuid);
 };
 
+// A JSON ping's entry (146 bytes) as a node at version 1.8 fills it, then
+// offset filler bytes and the text: what STORE_JSON and DELETE_JSON carry
+// after their header. Its first 146 bytes with lastping cleared are the
+// document's metadata file.
+std::string json_entry(const std::string& node, const std::string& path, const std::string& file,
+                       const std::string& text, uint64_t offset = 0);
+
 // A header of type from node uid at protocol version major.minor, len bytes
 // long, everything else zero.
 Golden header(uint8_t type, uint32_t uid, size_t len = 207, uint8_t major = 1, uint8_t minor = 8);
