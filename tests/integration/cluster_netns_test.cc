@@ -144,9 +144,9 @@ TEST(ClusterHosts, EachLearnsTheOthersAndTheSharedVDiskAndJsonDocumentsReachAll)
     };
     settle();
     for (auto& d : daemon) EXPECT_EQ(d->matching("error:"), std::vector<std::string>{});
-    for (int id : {1, 2}) EXPECT_GT(seen(0, {{"kind", "node"}, {"id", id}, {"event", "joined"}}), 0);
+    for (int id : {1, 2}) EXPECT_GT(seen(0, {{"kind", "node"}, {"id", id}, {"event", "joined"}}), 0) << id;
     for (const std::string& u : {kPlain, kSnap})
-        EXPECT_GT(seen(0, {{"kind", "vdisk"}, {"uuid", u}, {"event", "created"}}), 0);
+        EXPECT_GT(seen(0, {{"kind", "vdisk"}, {"uuid", u}, {"event", "created"}}), 0) << u;
 
     // Host 1's control port listens on the loopback of its namespace.
     std::optional<ControlClient> ctrl;
