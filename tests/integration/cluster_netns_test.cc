@@ -88,8 +88,8 @@ TEST(ClusterHosts, EachLearnsTheOthersAndTheSharedVDiskAndJsonDocumentsReachAll)
     // the watch is killed by it whatever way the test ends.
     std::vector<J> events;
     std::string part;
-    const std::string cmd = "echo $$; exec " CORVALCTL_BIN " -C " + c.store[2]->conf() + " --json watch";
-    std::shared_ptr<FILE> watch(::popen(cmd.c_str(), "re"), [&](FILE* f) {
+    const std::string shell = "echo $$; exec " CORVALCTL_BIN " -C " + c.store[2]->conf() + " --json watch";
+    std::shared_ptr<FILE> watch(::popen(shell.c_str(), "re"), [&](FILE* f) {
         if (!events.empty() && events[0].is_number()) ::kill(events[0].get<pid_t>(), SIGKILL);
         if (f) ::pclose(f);
     });
