@@ -5,16 +5,21 @@
 // must learn the other hosts' nodes, and host 3 the VDisks with both member
 // records, but never hear itself (its own node would take the sender's
 // address); then a JSON document handed in on host 1 must reach every host,
-// and its withdrawal leave none. The same hosts then move to signed traffic.
+// and its withdrawal leave none. A watch of host 3's store reports all of
+// that, and host 1 going away and coming back. The same hosts then move to
+// signed traffic.
 #include <arpa/inet.h>
 #include <gtest/gtest.h>
+#include <poll.h>
 #include <signal.h>
 #include <sys/stat.h>
+#include <unistd.h>
 
 #include <algorithm>
 #include <chrono>
 #include <map>
 #include <memory>
+#include <nlohmann/json.hpp>
 #include <optional>
 #include <ranges>
 #include <string>
@@ -74,9 +79,40 @@ struct Cluster {
 };
 
 TEST(ClusterHosts, EachLearnsTheOthersAndTheSharedVDiskAndJsonDocumentsReachAll) {
-    Cluster c;
+    using J = nlohmann::json;
+    Cluster c(std::map<std::string, std::string>{{"heartbeat_interval", "1"}});
     if (!c.skip.empty())
         GTEST_SKIP() << c.skip;
+    // The watch only reads files: it runs outside the namespaces, armed
+    // before the hosts come up. Its shell's pid comes first, as events[0]:
+    // the watch is killed by it whatever way the test ends.
+    std::vector<J> events;
+    std::string part;
+    const std::string shell = "echo $$; exec " CORVALCTL_BIN " -C " + c.store[2]->conf() + " --json watch";
+    std::shared_ptr<FILE> watch(::popen(shell.c_str(), "re"), [&](FILE* f) {
+        if (!events.empty() && events[0].is_number()) ::kill(events[0].get<pid_t>(), SIGKILL);
+        if (f) ::pclose(f);
+    });
+    // The index of the first event from `from` on that has want's fields,
+    // reading the watch (and the daemons' logs) up to a minute for it; -1 if
+    // it did not come.
+    auto seen = [&](long from, const J& want) {
+        const auto end = std::chrono::steady_clock::now() + 60s;
+        while (std::chrono::steady_clock::now() < end) {
+            for (size_t i = std::max(from, 1L); i < events.size(); ++i)
+                if (J e = events[i]; e.update(want), e == events[i])
+                    return long(i);
+            for (auto& d : c.daemon) if (d) d->lines();
+            pollfd pf = {::fileno(watch.get()), POLLIN, 0};
+            char b[4096];
+            const ssize_t n = ::poll(&pf, 1, 100) == 1 ? ::read(pf.fd, b, sizeof b) : 0;
+            for (part.append(b, std::max<ssize_t>(n, 0)); part.find('\n') != std::string::npos;
+                 part.erase(0, part.find('\n') + 1))
+                events.push_back(J::parse(part.substr(0, part.find('\n'))));
+        }
+        return -1L;
+    };
+    ASSERT_EQ(seen(0, {{"kind", "watch"}, {"store", c.store[2]->db()}, {"event", "started"}}), 1);
     for (int i = 0; i < 3; ++i) c.start(i);
     auto& store = c.store;
     auto& daemon = c.daemon;
@@ -108,6 +144,9 @@ TEST(ClusterHosts, EachLearnsTheOthersAndTheSharedVDiskAndJsonDocumentsReachAll)
     };
     settle();
     for (auto& d : daemon) EXPECT_EQ(d->matching("error:"), std::vector<std::string>{});
+    for (int id : {1, 2}) EXPECT_GT(seen(0, {{"kind", "node"}, {"id", id}, {"event", "joined"}}), 0) << id;
+    for (const std::string& u : {kPlain, kSnap})
+        EXPECT_GT(seen(0, {{"kind", "vdisk"}, {"uuid", u}, {"event", "created"}}), 0) << u;
 
     // Host 1's control port listens on the loopback of its namespace.
     std::optional<ControlClient> ctrl;
@@ -117,7 +156,20 @@ TEST(ClusterHosts, EachLearnsTheOthersAndTheSharedVDiskAndJsonDocumentsReachAll)
         ASSERT_TRUE(ctrl->send(cmd));
         for (const char* h : {"1 ", "2 ", "3 "}) want[h + std::string("v2/apps/cfg.json")] = text;
         settle();
+        // Seen before the next change: one batch with both would show neither.
+        const char* event = text[0] == '<' ? "deleted" : "stored";
+        EXPECT_GT(seen(0, {{"kind", "doc"}, {"document", "apps/cfg.json"}, {"event", event}, {"node", 1}}), 0);
     }
+
+    // Host 1 stops: host 3's record of node 1 goes late after two heartbeats
+    // and silent after five, and is back once host 1 runs again.
+    daemon[0]->signal(SIGTERM), daemon[0]->wait_exit(), daemon[0].reset();
+    auto node1 = [](const char* event) { return J{{"kind", "node"}, {"id", 1}, {"event", event}}; };
+    const long late = seen(long(events.size()), node1("late"));
+    const long silent = seen(late + 1, node1("silent"));
+    EXPECT_TRUE(late > 0 && silent > late) << late << " " << silent;
+    c.start(0);
+    EXPECT_GT(seen(silent + 1, node1("back")), silent);
 }
 
 
