@@ -218,6 +218,7 @@ void stats() {
     // report otherwise.
     const long long* dl = stats_drop_long;
     const long long* ds = stats_drop_short;
+    static_assert(drop::CHECK_COUNT == 5, "the DROP line names the receive check's reasons");
     if (auth_enabled() || dl[drop::FOREIGN_CLAIM] > 0) {
         CV_NOTICE("DROP: %s=%lld/%lld %s=%lld/%lld %s=%lld/%lld %s=%lld/%lld %s=%lld/%lld",
                   drop_reason_names[0], ds[0], dl[0], drop_reason_names[1], ds[1], dl[1],

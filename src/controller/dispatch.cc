@@ -28,8 +28,9 @@
 
 namespace corvald {
 
-const char* const drop_reason_names[drop::COUNT] = {"no_trailer", "unknown_key", "bad_tag",
-                                                    "replay", "foreign_claim"};
+const char* const drop_reason_names[drop::COUNT] = {
+    "no_trailer", "unknown_key", "bad_tag", "replay", "foreign_claim",
+    "short",      "malformed",   "unknown_type", "kernel"};
 long long stats_drop_long[drop::COUNT];
 long long stats_drop_short[drop::COUNT];
 
@@ -162,7 +163,7 @@ void handle_aux_ping(const Received& rx) {
     AuxPingData aux;
     // The byte between the header and the capacity record is not read.
     if (!rx.rd.read_at(AUX_PING_DATA_OFFSET, &aux)) {
-        count_drop(DropReason::Malformed);
+        stats_drop_raise(drop::MALFORMED);
         CV_ERROR_AS(kLoop, "Malformed Node Ping?");
         return;
     }
@@ -189,7 +190,7 @@ void handle_vdisk_deleted(const Received& rx) {
     if (node_create(rx) < 0) return;
     VDiskDeleteEntry vdde;
     if (!rx.rd.read_at(HDR_SIZE, &vdde)) {
-        count_drop(DropReason::Malformed);
+        stats_drop_raise(drop::MALFORMED);
         CV_ERROR_AS(kLoop, "Malformed packet? #4");
         return;
     }
@@ -233,7 +234,7 @@ void handle_vdisk_ping(const Received& rx, bool single) {
         int rc = VDiskRead(&rd, &vdisk);
         if (rc == -2 || rc == -3) {
             // The entries before it stay stored; the rest is dropped.
-            count_drop(DropReason::Malformed);
+            stats_drop_raise(drop::MALFORMED);
             CV_ERROR_AS(kLoop, "Malformed packet? #%d", -rc);
             ++errors;
             break;
@@ -270,12 +271,12 @@ void handle_vdisk_ping(const Received& rx, bool single) {
 void handle_json_ping(const Received& rx) {
     jsonEntry je;
     if (!rx.rd.read_at(HDR_SIZE, &je)) {
-        count_drop(DropReason::Malformed);
+        stats_drop_raise(drop::MALFORMED);
         CV_ERROR_AS(kLoop, "Malformed JSON ping header");
         return;
     }
     if (je.offset > rx.rd.length() - JSON_TEXT_OFFSET) {
-        count_drop(DropReason::Malformed);
+        stats_drop_raise(drop::MALFORMED);
         CV_ERROR_AS(kLoop, "Malformed JSON ping empty payload");
         return;
     }
@@ -325,7 +326,7 @@ void dispatch_datagram(const Received& rx) {
             return;
         default:
             stats_rx_raise(counter::UNKNOWN);
-            count_drop(DropReason::UnknownType);
+            stats_drop_raise(drop::UNKNOWN_TYPE);
             CV_ERROR_AS(kLoop, "Received unknown header type %u", unsigned{rx.hdr.type});
             hdr_dump(&rx.hdr);
             return;
@@ -343,7 +344,7 @@ void count_kernel_drops(struct msghdr* mh) {
         uint32_t total;
         std::memcpy(&total, CMSG_DATA(c), sizeof total);
         // Unsigned: a count that wrapped past 2^32 still rises by the difference.
-        count_drop(DropReason::Kernel, static_cast<uint32_t>(total - seen));
+        stats_drop_raise(drop::KERNEL, static_cast<uint32_t>(total - seen));
         seen = total;
     }
 }
@@ -402,7 +403,7 @@ int handle_datagram(const char* buf, size_t len, const struct sockaddr_in* from)
     const DatagramReader rd(buf, len);
     Hdr hdr;
     if (!rd.read_at(0, &hdr)) {
-        count_drop(DropReason::Short);
+        stats_drop_raise(drop::SHORT);
         CV_ERROR_AS(kLoop, "Malformed packet? #1");
         return 1;
     }

@@ -91,12 +91,7 @@ std::string metrics_text() {
              kTypeNames + 1, stats_tx_long + 1, counter::TX_COUNT - 1);
     labelled(&out, "corvald_datagrams_dropped_total",
              "Datagrams dropped before or while they were handled, by reason.", "reason",
-             kDropReasonNames, c.dropped, kDropReasons);
-    // The refusals of the receive check (keys, replays, claims of local
-    // nodes) are drops of the same family, under the statistics line's names.
-    for (int i = 0; i < drop::COUNT; ++i)
-        sample(&out, "corvald_datagrams_dropped_total", "reason", drop_reason_names[i],
-               static_cast<double>(stats_drop_long[i]));
+             drop_reason_names, stats_drop_long, drop::COUNT);
     labelled(&out, "corvald_lock_timeouts_total",
              "Record locks still held elsewhere when the wait for them ended, by record kind.",
              "kind", kLockKindNames, s.lock_timeouts, kLockKinds);

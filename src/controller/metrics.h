@@ -11,25 +11,14 @@
 
 namespace corvald {
 
-// Why a datagram was dropped: one enumerator and, at the same position, its
-// label value. A new reason is one entry in each.
-enum class DropReason { Short, Malformed, UnknownType, Kernel };
-inline constexpr const char* kDropReasonNames[] = {"short", "malformed", "unknown_type", "kernel"};
-inline constexpr size_t kDropReasons = sizeof kDropReasonNames / sizeof kDropReasonNames[0];
-
+// Drops are counted with the statistics arrays (stats.h, drop::).
 struct ControllerCounters {
-    long long dropped[kDropReasons] = {};
     long long store_errors = 0;      // store operations of the loop that failed
     long long ctrl_connections = 0;  // control connections accepted and served
     long long late_turns = 0;        // see count_late_turn in controller.cc
     time_t start_time = 0;           // wall clock, at the controller's setup
 };
 extern ControllerCounters controller_counters;
-
-// Raises the dropped counter of reason by n.
-inline void count_drop(DropReason reason, long long n = 1) {
-    controller_counters.dropped[static_cast<size_t>(reason)] += n;
-}
 
 // Passes a store operation's result on, counting a failure (rc < 0) as a
 // store error. The operation has logged why.

@@ -25,15 +25,21 @@ inline constexpr int RX_COUNT = 9;
 inline constexpr int TX_COUNT = 8;
 }  // namespace counter
 
-// Datagrams dropped before dispatch, by reason. The names are those of the
-// statistics line and of the metrics' reason label.
+// Datagrams dropped, by reason. The names are those of the metrics' reason
+// label; the receive check's reasons (the first CHECK_COUNT) are also those
+// of the statistics report's DROP line.
 namespace drop {
 inline constexpr int NO_TRAILER = 0;     // unsigned, with auth_mode require
 inline constexpr int UNKNOWN_KEY = 1;    // signed under a key id not loaded
 inline constexpr int BAD_TAG = 2;        // signed, tag does not match
 inline constexpr int REPLAY = 3;         // sequence not rising, or timestamp outside the window
 inline constexpr int FOREIGN_CLAIM = 4;  // names a local node, from an address not this host's
-inline constexpr int COUNT = 5;
+inline constexpr int CHECK_COUNT = 5;
+inline constexpr int SHORT = 5;          // shorter than a header
+inline constexpr int MALFORMED = 6;      // a record cut short or out of bounds
+inline constexpr int UNKNOWN_TYPE = 7;   // a header of no known type
+inline constexpr int KERNEL = 8;         // dropped by the kernel, socket buffer full (SO_RXQ_OVFL)
+inline constexpr int COUNT = 9;
 }  // namespace drop
 extern const char* const drop_reason_names[drop::COUNT];
 
@@ -62,11 +68,11 @@ inline void stats_tx_raise(int index) {
     ++stats_tx_short[index];
 }
 
-// Raises the drop counter of reason in both arrays.
-inline void stats_drop_raise(int reason) {
+// Raises the drop counter of reason in both arrays by n.
+inline void stats_drop_raise(int reason, long long n = 1) {
     assert(reason >= 0 && reason < drop::COUNT);
-    ++stats_drop_long[reason];
-    ++stats_drop_short[reason];
+    stats_drop_long[reason] += n;
+    stats_drop_short[reason] += n;
 }
 
 }  // namespace corvald
